@@ -1,0 +1,42 @@
+#include "sdk/media/audio_encoder.h"
+
+#include <atomic>
+
+#include "sdk/base/logging.h"
+
+namespace tarnel {
+namespace audio {
+
+namespace {
+
+constexpr tarn_logging::LogConfig kLogConfig{"audio_encoder"};
+
+// The factory GetInstance() hands out instead of the built-in one; set by tests.
+std::atomic<AudioEncoderFactory2*> g_factory_for_testing{nullptr};
+
+class BuiltInAudioEncoderFactory : public AudioEncoderFactory2 {};
+
+}  // namespace
+
+// static
+AudioEncoderFactory2* AudioEncoderFactory2::GetInstance() {
+  if (AudioEncoderFactory2* factory = g_factory_for_testing.load(std::memory_order_acquire)) {
+    return factory;
+  }
+  static BuiltInAudioEncoderFactory* const built_in = new BuiltInAudioEncoderFactory();
+  return built_in;
+}
+
+// static
+void AudioEncoderFactory2::SetInstanceForTesting(AudioEncoderFactory2* factory) {
+  g_factory_for_testing.store(factory, std::memory_order_release);
+}
+
+std::unique_ptr<AudioEncoder> AudioEncoderFactory2::CreateAudioEncoder(int type) {
+  TARN_LOG(tarn_logging::LS_ERROR, kLogConfig, this)
+      << "no audio encoder of type " << type << " in this build";
+  return nullptr;
+}
+
+}  // namespace audio
+}  // namespace tarnel

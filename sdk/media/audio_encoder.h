@@ -1,0 +1,83 @@
+// Audio encoding: the encoder interface, its parameters and the process-wide factory.
+//
+//   std::unique_ptr<AudioEncoder> encoder =
+//       AudioEncoderFactory2::GetInstance()->CreateAudioEncoder(kAudioEncoderAac);
+//   AudioEncodeParams params;  params.sample_rate = 48000;  params.channels = 2;
+//   if (!encoder || !encoder->Init(params)) { ... }
+//   while (have GetInputSizeInBytes() bytes of PCM) out = encoder->Encode(pcm_frame);
+#ifndef SDK_MEDIA_AUDIO_ENCODER_H_
+#define SDK_MEDIA_AUDIO_ENCODER_H_
+
+#include <cstdint>
+#include <memory>
+
+#include "sdk/media/audio_frame.h"
+
+namespace tarnel {
+namespace audio {
+
+// Encoder types the factory knows.
+constexpr int kAudioEncoderAac = 3;
+
+// How an encoder is configured. Defaults suit 48 kHz mono AAC-LC.
+struct AudioEncodeParams {
+  int32_t channels = 1;
+  int32_t sample_rate = 48000;
+  int32_t aac_profile = 2;  // MPEG-4 audio object type; 2 = AAC-LC.
+  int32_t bits_per_sample = 16;  // Of the PCM input.
+  int32_t bitrate = 64000;       // Bits per second.
+  int32_t codec_format = kAac;   // AudioCodecFormat of the output.
+  int32_t vbr = 0;               // Reserved for variable-bit-rate modes; 0 = constant.
+  // 1: output frames are raw AAC access units; 0: each carries an ADTS header.
+  int32_t raw_access_units = 0;
+};
+
+// Encodes PCM frames of exactly GetInputSizeInBytes() bytes. Not thread-safe: one
+// encoder is used from one thread.
+class AudioEncoder {
+ public:
+  virtual ~AudioEncoder() = default;
+
+  // Configures the encoder; false when the parameters cannot be served.
+  virtual bool Init(const AudioEncodeParams& params) = 0;
+
+  virtual int32_t GetSampleRate() const = 0;
+  virtual int32_t GetChannels() const = 0;
+  virtual int32_t GetBitrate() const = 0;
+
+  // PCM bytes that one Encode() call consumes (positive once initialised).
+  virtual int32_t GetInputSizeInBytes() const = 0;
+
+  // Samples per channel by which the decoded output lags the input (encoder priming);
+  // containers record it so that players skip it.
+  virtual int32_t GetPrimingSamples() const = 0;
+
+  // Encodes one input frame of GetInputSizeInBytes() bytes. Returns one encoded frame
+  // whose timestamp is the input frame's (so encoded frames stay on the input's
+  // timeline), or null when encoding failed.
+  virtual std::shared_ptr<AudioFrame> Encode(std::shared_ptr<AudioFrame> input) = 0;
+};
+
+// The process-wide source of audio encoders.
+class AudioEncoderFactory2 {
+ public:
+  // The factory in use: the built-in one unless a test installed another.
+  static AudioEncoderFactory2* GetInstance();
+
+  // Makes `factory` the one GetInstance() returns; null restores the built-in one.
+  // The factory must outlive its use.
+  static void SetInstanceForTesting(AudioEncoderFactory2* factory);
+
+  // An encoder of `type` (kAudioEncoderAac), or null when the type is unknown or the
+  // codec is not available.
+  virtual std::unique_ptr<AudioEncoder> CreateAudioEncoder(int type);
+
+ protected:
+  AudioEncoderFactory2() = default;
+  virtual ~AudioEncoderFactory2() = default;
+};
+
+}  // namespace audio
+}  // namespace tarnel
+
+#endif  // SDK_MEDIA_AUDIO_ENCODER_H_

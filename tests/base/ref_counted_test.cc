@@ -1,0 +1,103 @@
+#include "sdk/base/ref_counted.h"
+
+#include <atomic>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+namespace tarn_base {
+namespace {
+
+// Counts its destructions in a counter the test owns.
+class Counted : public RefCountedThreadSafe<Counted> {
+ public:
+  explicit Counted(std::atomic<int>* destroyed) : destroyed_(destroyed) {}
+
+ protected:
+  friend class RefCountedThreadSafe<Counted>;
+  virtual ~Counted() { destroyed_->fetch_add(1); }
+
+ private:
+  std::atomic<int>* destroyed_;
+};
+
+class DerivedCounted : public Counted {
+ public:
+  using Counted::Counted;
+};
+
+TEST(RefCountedTest, LastReleaseAmongManyThreadsDeletesOnce) {
+  constexpr int kThreads = 8;
+  constexpr int kIterations = 20000;
+  for (int round = 0; round < 20; ++round) {
+    std::atomic<int> destroyed{0};
+    Counted* object = new Counted(&destroyed);
+    // Each thread owns one reference and drops it last; the creator holds none, so
+    // whichever thread finishes last must delete.
+    for (int i = 0; i < kThreads; ++i) object->AddRef();
+
+    std::atomic<bool> go{false};
+    std::vector<std::thread> threads;
+    for (int i = 0; i < kThreads; ++i) {
+      threads.emplace_back([&] {
+        while (!go.load()) std::this_thread::yield();
+        for (int j = 0; j < kIterations; ++j) {
+          scoped_refptr<Counted> copy(object);
+          object->AddRef();
+          object->Release();
+        }
+        object->Release();
+      });
+    }
+    go = true;
+    for (std::thread& thread : threads) thread.join();
+    ASSERT_EQ(destroyed.load(), 1) << "round " << round;
+  }
+}
+
+TEST(RefCountedTest, ScopedRefptrKeepsCountRight) {
+  std::atomic<int> destroyed_a{0};
+  std::atomic<int> destroyed_b{0};
+  {
+    scoped_refptr<Counted> a = MakeRefCounted<Counted>(&destroyed_a);
+    EXPECT_TRUE(a->HasOneRef());
+    {
+      scoped_refptr<Counted> copy = a;
+      EXPECT_FALSE(a->HasOneRef());
+      scoped_refptr<Counted> moved = std::move(copy);
+      EXPECT_EQ(copy, nullptr);  // NOLINT(bugprone-use-after-move)
+      EXPECT_EQ(moved, a);
+      EXPECT_FALSE(a->HasOneRef());
+    }
+    EXPECT_TRUE(a->HasOneRef());
+
+    a = a;  // Self-assignment keeps the object.
+    EXPECT_TRUE(a->HasOneRef());
+    EXPECT_EQ(destroyed_a.load(), 0);
+
+    scoped_refptr<Counted> b = MakeRefCounted<DerivedCounted>(&destroyed_b);
+    scoped_refptr<Counted> holder = a;
+    holder = b;  // Drops the reference on a, takes one on b.
+    EXPECT_TRUE(a->HasOneRef());
+    EXPECT_FALSE(b->HasOneRef());
+
+    a = std::move(holder);  // a's object goes; a and b now share b's.
+    EXPECT_EQ(destroyed_a.load(), 1);
+    EXPECT_EQ(holder, nullptr);  // NOLINT(bugprone-use-after-move)
+    EXPECT_EQ(a, b);
+
+    Counted* raw = b.release();  // Gives the reference up without releasing it.
+    EXPECT_EQ(b, nullptr);
+    a.reset();
+    EXPECT_EQ(destroyed_b.load(), 0);
+    raw->Release();
+    EXPECT_EQ(destroyed_b.load(), 1);
+  }
+  EXPECT_EQ(destroyed_a.load(), 1);
+  EXPECT_EQ(destroyed_b.load(), 1);
+}
+
+}  // namespace
+}  // namespace tarn_base

@@ -6,6 +6,8 @@ set -euo pipefail
 packages=(
   build-essential cmake pkg-config
   libgtest-dev libgmock-dev libbenchmark-dev
+  libavformat-dev libavcodec-dev libavutil-dev libswresample-dev
+  ffmpeg
 )
 
 missing=()

@@ -10,6 +10,7 @@ AudioFrame AudioFrame::Clone() const {
   copy.sample_rate_ = sample_rate_;
   copy.channels_ = channels_;
   copy.format_ = format_;
+  copy.encoder_delay_samples_ = encoder_delay_samples_;
   return copy;
 }
 

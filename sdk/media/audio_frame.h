@@ -60,6 +60,14 @@ class AudioFrame {
   AudioCodecFormat GetAudioFrameFormat() const { return format_; }
   void SetAudioFrameFormat(AudioCodecFormat format) { format_ = format; }
 
+  // For encoded frames: how many samples (per channel) before its timestamp the audio
+  // this frame decodes to begins, i.e. the encoder's priming. A container places the
+  // frame that much earlier and tells players to skip the priming (an MP4 edit list),
+  // so that the decoded audio starts exactly at the timestamp. 0 for PCM and for AAC
+  // whose timestamps already mark where its audio starts.
+  int32_t GetEncoderDelaySamples() const { return encoder_delay_samples_; }
+  void SetEncoderDelaySamples(int32_t samples) { encoder_delay_samples_ = samples; }
+
   // The frame's duration in ms, in single precision. PCM: size / (2 x channels x rate)
   // x 1000; AAC: 1024 x 1000 / rate. 0 when the rate (or, for PCM, the channel count)
   // is not positive or the format is neither.
@@ -75,6 +83,7 @@ class AudioFrame {
   int32_t sample_rate_ = 0;
   int32_t channels_ = 0;
   AudioCodecFormat format_ = kPcm;
+  int32_t encoder_delay_samples_ = 0;
 };
 
 }  // namespace audio

@@ -10,35 +10,27 @@
 #include <utility>
 #include <vector>
 
-#include "sdk/base/logging.h"
 #include "sdk/base/simulated_clock.h"
+#include "tests/support/log_capture.h"
 
 namespace tarn_base {
 namespace {
 
-// Records whether, and on which thread, it was destroyed.
+// Records on which thread it was destroyed.
 struct Tracker {
-  Tracker(std::atomic<bool>* destroyed, pthread_t* thread) : destroyed(destroyed), thread(thread) {}
-  ~Tracker() {
-    *thread = pthread_self();
-    destroyed->store(true);
-  }
-  std::atomic<bool>* destroyed;
-  pthread_t* thread;
+  explicit Tracker(std::atomic<pthread_t>* destroyed_on) : destroyed_on(destroyed_on) {}
+  ~Tracker() { destroyed_on->store(pthread_self()); }
+  std::atomic<pthread_t>* destroyed_on;
 };
 
-class RecordingSink : public tarn_logging::LogSink {
- public:
-  void OnLogMessage(const tarn_logging::LogRecord& record) override {
-    messages.push_back(record.message);
-  }
-  std::vector<std::string> messages;
-};
+OnceClosure MustNotRun(std::atomic<pthread_t>* destroyed_on) {
+  return BindOnce([](std::unique_ptr<Tracker>) { ADD_FAILURE() << "ran"; },
+                  std::make_unique<Tracker>(destroyed_on));
+}
 
 TEST(ThreadTest, NameAndCurrentRunnerAreVisibleOnTheThread) {
   Thread thread("recording-writer-thread");
   ASSERT_TRUE(thread.Start());
-  ASSERT_NE(thread.tid(), 0);
   std::ifstream comm("/proc/self/task/" + std::to_string(thread.tid()) + "/comm");
   std::string os_name;
   std::getline(comm, os_name);
@@ -47,19 +39,16 @@ TEST(ThreadTest, NameAndCurrentRunnerAreVisibleOnTheThread) {
   scoped_refptr<TaskRunner> runner = thread.task_runner();
   std::string name_inside;
   bool current_inside = false;
-  bool in_sequence_inside = false;
   runner->PostTask(FROM_HERE, BindOnce([&] {
                      name_inside = CurrentThreadName();
-                     current_inside = TaskRunner::GetCurrentDefault() == runner;
-                     in_sequence_inside = runner->RunsTasksInCurrentSequence();
+                     current_inside = TaskRunner::GetCurrentDefault() == runner &&
+                                      runner->RunsTasksInCurrentSequence();
                    }));
   thread.Stop();  // Runs the task first.
   EXPECT_EQ(name_inside, "recording-writer-thread");
   EXPECT_TRUE(current_inside);
-  EXPECT_TRUE(in_sequence_inside);
   EXPECT_EQ(TaskRunner::GetCurrentDefault(), nullptr);
   EXPECT_FALSE(runner->RunsTasksInCurrentSequence());
-  EXPECT_FALSE(thread.IsRunning());
   EXPECT_EQ(thread.tid(), 0);
 }
 
@@ -68,15 +57,13 @@ TEST(ThreadTest, EachPostingThreadKeepsItsOrder) {
   constexpr int kTasksEach = 2000;
   Thread target("target");
   ASSERT_TRUE(target.Start());
+  scoped_refptr<TaskRunner> runner = target.task_runner();
   std::vector<std::pair<int, int>> ran;  // Touched only on `target`.
   std::vector<std::unique_ptr<Thread>> posters;
   for (int p = 0; p < kPosters; ++p) {
-    posters.push_back(std::make_unique<Thread>("poster" + std::to_string(p)));
+    posters.push_back(std::make_unique<Thread>("poster"));
     ASSERT_TRUE(posters.back()->Start());
-  }
-  scoped_refptr<TaskRunner> runner = target.task_runner();
-  for (int p = 0; p < kPosters; ++p) {
-    posters[p]->task_runner()->PostTask(
+    posters.back()->task_runner()->PostTask(
         FROM_HERE, BindOnce([&, p] {
           for (int i = 0; i < kTasksEach; ++i) {
             runner->PostTask(FROM_HERE, BindOnce([&ran, p, i] { ran.emplace_back(p, i); }));
@@ -88,26 +75,33 @@ TEST(ThreadTest, EachPostingThreadKeepsItsOrder) {
 
   ASSERT_EQ(ran.size(), static_cast<size_t>(kPosters * kTasksEach));
   std::vector<int> next(kPosters, 0);
-  for (const auto& [p, i] : ran) EXPECT_EQ(i, next[p]++) << "poster " << p;
+  for (const auto& [p, i] : ran) ASSERT_EQ(i, next[p]++) << "poster " << p;
 }
 
-TEST(ThreadTest, TasksRunInReadyTimeOrder) {
+TEST(ThreadTest, TasksRunInReadyTimeOrderAndCancelledOnesNever) {
   SimulatedClock clock;
   Thread thread("order", &clock);
   ASSERT_TRUE(thread.Start());
   scoped_refptr<TaskRunner> runner = thread.task_runner();
-  std::vector<char> ran;
+  std::string ran;
   auto record = [&ran](char c) { return BindOnce([&ran, c] { ran.push_back(c); }); };
+  std::atomic<pthread_t> cancelled_destroyed_on{};
+  bool destroyed_by_cancel = false;
 
   runner->PostDelayedTask(FROM_HERE, record('D'), TimeDelta::FromMilliseconds(10));
   runner->PostTask(FROM_HERE, BindOnce([&] {
+                     DelayedTaskHandle doomed = runner->PostCancelableDelayedTask(
+                         FROM_HERE, MustNotRun(&cancelled_destroyed_on), TimeDelta());
                      runner->PostTask(FROM_HERE, record('A'));  // Ready before D.
                      clock.Advance(TimeDelta::FromMilliseconds(20));
                      runner->PostTask(FROM_HERE, record('B'));  // Ready after D.
                      runner->PostDelayedTask(FROM_HERE, record('C'), TimeDelta());
+                     doomed.CancelTask();
+                     destroyed_by_cancel = pthread_equal(cancelled_destroyed_on, pthread_self());
                    }));
   clock.RunUntilIdle();
-  EXPECT_EQ(std::string(ran.begin(), ran.end()), "ADBC");
+  EXPECT_EQ(ran, "ADBC");
+  EXPECT_TRUE(destroyed_by_cancel);
 }
 
 TEST(ThreadTest, StopRunsEarlierTasksAndRefusesLaterOnes) {
@@ -117,74 +111,59 @@ TEST(ThreadTest, StopRunsEarlierTasksAndRefusesLaterOnes) {
   scoped_refptr<TaskRunner> runner = thread.task_runner();
   std::vector<int> ran;
   auto record = [&ran](int n) { return BindOnce([&ran, n] { ran.push_back(n); }); };
-  std::atomic<bool> future_destroyed{false};
-  pthread_t future_thread{};
+  std::atomic<pthread_t> not_due_destroyed_on{};
 
   runner->PostTask(FROM_HERE, record(1));
-  runner->PostDelayedTask(FROM_HERE, record(3), TimeDelta::FromMilliseconds(5));
-  runner->PostDelayedTask(
-      FROM_HERE,
-      BindOnce([](std::unique_ptr<Tracker>) { ADD_FAILURE() << "not due, must not run"; },
-               std::make_unique<Tracker>(&future_destroyed, &future_thread)),
-      TimeDelta::FromSeconds(60));
-  clock.Advance(TimeDelta::FromMilliseconds(5));  // Task 3 is due; it may or may not run yet.
-  runner->PostTask(FROM_HERE, record(4));
-  const pid_t tid = thread.tid();
+  runner->PostDelayedTask(FROM_HERE, record(2), TimeDelta::FromMilliseconds(5));
+  runner->PostDelayedTask(FROM_HERE, MustNotRun(&not_due_destroyed_on), TimeDelta::FromSeconds(9));
+  clock.Advance(TimeDelta::FromMilliseconds(5));  // Task 2 is due; it may not have run yet.
+  runner->PostTask(FROM_HERE, record(3));
   thread.Stop();
-  EXPECT_EQ(ran, (std::vector<int>{1, 3, 4}));
-  EXPECT_TRUE(future_destroyed.load());
-  EXPECT_FALSE(pthread_equal(future_thread, pthread_self()));  // Dropped on its thread.
-  EXPECT_NE(tid, 0);
+  EXPECT_EQ(ran, (std::vector<int>{1, 2, 3}));
+  EXPECT_FALSE(pthread_equal(not_due_destroyed_on, pthread_t{}));     // Destroyed, unrun,
+  EXPECT_FALSE(pthread_equal(not_due_destroyed_on, pthread_self()));  // on its thread.
 
-  std::atomic<bool> refused_destroyed{false};
-  pthread_t refused_thread{};
-  EXPECT_FALSE(runner->PostTask(
-      FROM_HERE, BindOnce([](std::unique_ptr<Tracker>) {},
-                          std::make_unique<Tracker>(&refused_destroyed, &refused_thread))));
-  EXPECT_TRUE(refused_destroyed.load());
-  EXPECT_TRUE(pthread_equal(refused_thread, pthread_self()));
-  EXPECT_FALSE(runner->PostCancelableDelayedTask(FROM_HERE, record(5), TimeDelta()).IsValid());
+  std::atomic<pthread_t> refused_destroyed_on{};
+  EXPECT_FALSE(runner->PostTask(FROM_HERE, MustNotRun(&refused_destroyed_on)));
+  EXPECT_TRUE(pthread_equal(refused_destroyed_on, pthread_self()));
+  EXPECT_FALSE(runner->PostCancelableDelayedTask(FROM_HERE, record(4), TimeDelta()).IsValid());
   thread.Stop();  // Idempotent.
-  EXPECT_EQ(ran.size(), 3u);
 }
 
-TEST(ThreadTest, CancelledDelayedTaskIsDestroyedAtOnce) {
+TEST(ThreadTest, ThreadOwnedByAnotherClockThreadStopsWhileTimeMoves) {
   SimulatedClock clock;
-  Thread thread("cancel", &clock);
-  ASSERT_TRUE(thread.Start());
-  std::atomic<bool> destroyed{false};
-  pthread_t destroyed_on{};
-  bool destroyed_by_cancel = false;
-  thread.task_runner()->PostTask(
+  ScopedTickClockOverrideForTesting use_clock(&clock);
+  Thread owner("owner");
+  ASSERT_TRUE(owner.Start());
+  std::unique_ptr<Thread> child;
+  std::vector<int64_t> child_ran_at;
+  const TimeTicks start = clock.NowTicks();
+  owner.task_runner()->PostTask(
       FROM_HERE, BindOnce([&] {
-        DelayedTaskHandle handle = TaskRunner::GetCurrentDefault()->PostCancelableDelayedTask(
+        child = std::make_unique<Thread>("child");
+        ASSERT_TRUE(child->Start());
+        child->task_runner()->PostDelayedTask(
             FROM_HERE,
-            BindOnce([](std::unique_ptr<Tracker>) { ADD_FAILURE() << "cancelled task ran"; },
-                     std::make_unique<Tracker>(&destroyed, &destroyed_on)),
-            TimeDelta::FromMilliseconds(10));
-        handle.CancelTask();
-        destroyed_by_cancel = destroyed.load();
-        EXPECT_FALSE(handle.IsValid());
-        handle.CancelTask();  // Harmless.
+            BindOnce([&] { child_ran_at.push_back((clock.NowTicks() - start).InMilliseconds()); }),
+            TimeDelta::FromMilliseconds(30));
+        TaskRunner::GetCurrentDefault()->PostDelayedTask(
+            FROM_HERE, BindOnce([&] { child.reset(); }), TimeDelta::FromMilliseconds(50));
       }));
-  clock.FastForwardBy(TimeDelta::FromMilliseconds(20));
-  EXPECT_TRUE(destroyed_by_cancel);
+  clock.FastForwardBy(TimeDelta::FromMilliseconds(100));
+  EXPECT_EQ(child, nullptr);
+  EXPECT_EQ(child_ran_at, std::vector<int64_t>{30});
 }
 
 TEST(ThreadTest, StartFailureIsLoggedAndLeavesNoRunner) {
-  RecordingSink sink;
-  tarn_logging::AddLogSink(&sink);
+  tarnel_test::ScopedLogCapture logs;
   Thread thread("doomed");
   {
     ScopedThreadStartFailureForTesting fail;
     EXPECT_FALSE(thread.Start());
   }
-  tarn_logging::RemoveLogSink(&sink);
   EXPECT_EQ(thread.task_runner(), nullptr);
-  EXPECT_FALSE(thread.IsRunning());
-  ASSERT_EQ(sink.messages.size(), 1u);
-  EXPECT_NE(sink.messages[0].find("doomed"), std::string::npos);
-  EXPECT_NE(sink.messages[0].find("Resource temporarily unavailable"), std::string::npos);
+  EXPECT_TRUE(logs.Contains("doomed"));
+  EXPECT_TRUE(logs.Contains("Resource temporarily unavailable"));
   EXPECT_TRUE(thread.Start());  // Works once the failure is lifted.
 }
 

@@ -2,8 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdint>
-
 namespace tarn_base {
 namespace {
 
@@ -19,38 +17,16 @@ TEST(TimeTest, ConversionsAndArithmeticSaturate) {
 
   EXPECT_EQ(TimeDelta::Max() + TimeDelta::FromMicroseconds(1), TimeDelta::Max());
   EXPECT_EQ(TimeDelta::Min() - TimeDelta::FromMicroseconds(1), TimeDelta::Min());
-  EXPECT_EQ(TimeDelta::Min() + TimeDelta::Max(), TimeDelta::FromMicroseconds(-1));
   EXPECT_EQ(TimeDelta::FromSeconds(1) - TimeDelta::Min(), TimeDelta::Max());
   EXPECT_EQ(TimeDelta::FromSeconds(-1) * kMax, TimeDelta::Min());
-  EXPECT_EQ(TimeDelta::Max() * -1, TimeDelta::FromMicroseconds(-kMax));
 
   const TimeTicks now = TimeTicks::FromMicroseconds(5);
   EXPECT_TRUE((now + TimeDelta::Max()).is_max());
   EXPECT_TRUE((TimeTicks::Max() + TimeDelta::FromSeconds(1)).is_max());
   EXPECT_EQ((now - TimeDelta::Max()).InMicroseconds(), 5 - kMax);
-  EXPECT_EQ((now - TimeDelta::Min()), TimeTicks::Max());
+  EXPECT_EQ(now - TimeDelta::Min(), TimeTicks::Max());
   EXPECT_EQ(TimeTicks::Max() - TimeTicks::FromMicroseconds(-10), TimeDelta::Max());
   EXPECT_EQ(TimeTicks::FromMicroseconds(kMin) - now, TimeDelta::Min());
-}
-
-TEST(TimeTest, SystemClockIsMonotonicAndOverridable) {
-  const TimeTicks first = SystemTickClock()->NowTicks();
-  EXPECT_GE(SystemTickClock()->NowTicks(), first);
-  EXPECT_EQ(DefaultTickClock(), SystemTickClock());
-
-  class FixedClock : public TickClock {
-   public:
-    TimeTicks NowTicks() const override { return TimeTicks::FromMicroseconds(42); }
-  } fixed, inner;
-  {
-    ScopedTickClockOverrideForTesting outer_override(&fixed);
-    {
-      ScopedTickClockOverrideForTesting inner_override(&inner);
-      EXPECT_EQ(DefaultTickClock(), &inner);
-    }
-    EXPECT_EQ(DefaultTickClock(), &fixed);
-  }
-  EXPECT_EQ(DefaultTickClock(), SystemTickClock());
 }
 
 }  // namespace

@@ -62,52 +62,53 @@ TEST_F(TimerTest, RepeatingTicksAtDueTimesWithoutDrift) {
   OnThread([&] { timer.Stop(); });
 }
 
+OnceClosure MustNotRun(bool* destroyed) {
+  return BindOnce([](std::unique_ptr<DestroyFlag>) { ADD_FAILURE() << "ran"; },
+                  std::make_unique<DestroyFlag>(destroyed));
+}
+
 TEST_F(TimerTest, StopAbandonsTheScheduleAndRestartBeginsANewOne) {
   RepeatingTimer timer;
   std::vector<int64_t> ticks;
-  bool first_destroyed = false;
+  bool callback_destroyed = false;
   TimeTicks start = clock_.NowTicks();
+  auto record = [&] { ticks.push_back(Since(start)); };
   OnThread([&] {
-    auto flag = std::make_shared<DestroyFlag>(&first_destroyed);
     timer.Start(FROM_HERE, kPeriod,
-                BindRepeating([&ticks, &start, this, flag] { ticks.push_back(Since(start)); }));
+                BindRepeating([record, flag = std::make_shared<DestroyFlag>(&callback_destroyed)] {
+                  record();
+                }));
   });
   clock_.FastForwardBy(kPeriod * 2);
   OnThread([&] { timer.Stop(); });
-  EXPECT_TRUE(first_destroyed);
-  EXPECT_FALSE(timer.IsRunning());
-  clock_.FastForwardBy(kPeriod * 3);
+  EXPECT_TRUE(callback_destroyed);
+  clock_.FastForwardBy(TimeDelta::FromMilliseconds(500));
   EXPECT_EQ(ticks, (std::vector<int64_t>{150, 300}));
 
-  // Restarted 50 ms off the old grid, by a callback that stops itself on its 2nd tick.
-  clock_.FastForwardBy(TimeDelta::FromMilliseconds(50));
+  // Restarted off the old grid, by a callback that stops the timer on its 2nd tick.
   OnThread([&] {
     start = clock_.NowTicks();
     ticks.clear();
     timer.Start(FROM_HERE, kPeriod, BindRepeating([&] {
-                  ticks.push_back(Since(start));
+                  record();
                   if (ticks.size() == 2) timer.Stop();
                 }));
   });
   clock_.FastForwardBy(kPeriod * 4);
   EXPECT_EQ(ticks, (std::vector<int64_t>{150, 300}));
-
-  OnThread([&] {
-    EXPECT_FALSE(timer.Start(FROM_HERE, TimeDelta(), BindRepeating([] {})));
-    EXPECT_FALSE(timer.IsRunning());
-  });
-  EXPECT_FALSE(timer.Start(FROM_HERE, kPeriod, BindRepeating([] {})));  // No runner here.
+  OnThread([&] { EXPECT_FALSE(timer.Start(FROM_HERE, TimeDelta(), BindRepeating(record))); });
+  EXPECT_FALSE(timer.Start(FROM_HERE, kPeriod, BindRepeating(record)));  // No runner here.
+  EXPECT_FALSE(timer.IsRunning());
 }
 
-TEST_F(TimerTest, OneShotFiresOnceAndRestartDropsThePendingCallback) {
+TEST_F(TimerTest, OneShotFiresOnceAndStopOrRestartDropsThePendingCallback) {
   OneShotTimer timer;
   const TimeTicks start = clock_.NowTicks();
   std::vector<int64_t> fired;
   bool replaced_destroyed = false;
+  bool stopped_destroyed = false;
   OnThread([&] {
-    timer.Start(FROM_HERE, TimeDelta::FromMilliseconds(100),
-                BindOnce([](std::unique_ptr<DestroyFlag>) { ADD_FAILURE() << "replaced"; },
-                         std::make_unique<DestroyFlag>(&replaced_destroyed)));
+    timer.Start(FROM_HERE, TimeDelta::FromMilliseconds(100), MustNotRun(&replaced_destroyed));
     timer.Start(FROM_HERE, TimeDelta::FromMilliseconds(70),
                 BindOnce([&] { fired.push_back(Since(start)); }));
   });
@@ -116,15 +117,11 @@ TEST_F(TimerTest, OneShotFiresOnceAndRestartDropsThePendingCallback) {
   EXPECT_EQ(fired, std::vector<int64_t>{70});
   EXPECT_FALSE(timer.IsRunning());
 
-  bool stopped_destroyed = false;
   OnThread([&] {
-    timer.Start(FROM_HERE, TimeDelta::FromMilliseconds(10),
-                BindOnce([](std::unique_ptr<DestroyFlag>) { ADD_FAILURE() << "stopped"; },
-                         std::make_unique<DestroyFlag>(&stopped_destroyed)));
+    timer.Start(FROM_HERE, TimeDelta(), MustNotRun(&stopped_destroyed));
     timer.Stop();
   });
   EXPECT_TRUE(stopped_destroyed);
-  clock_.FastForwardBy(TimeDelta::FromMilliseconds(50));
 }
 
 // The owner pattern: an object owns its timer, and the timer's callback destroys it.

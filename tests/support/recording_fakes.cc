@@ -110,6 +110,8 @@ class FakeStreamWriter : public MediaStreamWriter {
     packet.dts = packet.pts;
     packet.audio_format = frame->GetAudioFrameFormat();
     packet.size = frame->GetSize();
+    packet.silent = std::all_of(frame->GetData(), frame->GetData() + frame->GetSize(),
+                                [](uint8_t byte) { return byte == 0; });
     return Book(packet);
   }
   int64_t Stop() override {

@@ -68,6 +68,7 @@ struct WrittenPacket {
   int64_t dts = 0;
   tarnel::audio::AudioCodecFormat audio_format = tarnel::audio::kPcm;
   uint64_t size = 0;
+  bool silent = false;  // Every byte zero.
 };
 
 // Everything the fake writers of one FakeWriterFactory saw. Shared with the writers so

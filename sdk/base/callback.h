@@ -137,8 +137,7 @@ class OnceState<F, std::tuple<Bound...>, R, A...> final : public OnceStateBase<R
 template <typename F, typename Bound, typename R, typename... A>
 class RepeatingState;
 template <typename F, typename... Bound, typename R, typename... A>
-class RepeatingState<F, std::tuple<Bound...>, R, A...> final
-    : public RepeatingStateBase<R, A...> {
+class RepeatingState<F, std::tuple<Bound...>, R, A...> final : public RepeatingStateBase<R, A...> {
  public:
   template <typename G, typename... B>
   explicit RepeatingState(G&& f, B&&... bound)

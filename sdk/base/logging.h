@@ -33,7 +33,7 @@ struct LogConfig {
 // One finished message as sinks receive it.
 struct LogRecord {
   LogSeverity severity;
-  const char* file;      // Source file, as __FILE__ gave it.
+  const char* file;  // Source file, as __FILE__ gave it.
   int line;
   const char* function;  // As __func__ gave it.
   const LogConfig* config;
@@ -87,12 +87,12 @@ class LogMessageVoidify {
 
 }  // namespace tarn_logging
 
-#define TARN_LOG(severity, config, instance)                                             \
-  !::tarn_logging::ShouldCreateLogMessage(severity)                                      \
-      ? (void)0                                                                          \
-      : ::tarn_logging::LogMessageVoidify() &                                            \
-            ::tarn_logging::LogMessage(__FILE__, __LINE__, __func__, (severity), (config), \
-                                       (instance))                                       \
-                .stream()
+#define TARN_LOG(severity, config, instance)                                                   \
+  !::tarn_logging::ShouldCreateLogMessage(severity)                                            \
+      ? (void)0                                                                                \
+      : ::tarn_logging::LogMessageVoidify() & ::tarn_logging::LogMessage(__FILE__, __LINE__,   \
+                                                                         __func__, (severity), \
+                                                                         (config), (instance)) \
+                                                  .stream()
 
 #endif  // SDK_BASE_LOGGING_H_

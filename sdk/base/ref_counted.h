@@ -80,9 +80,13 @@ class scoped_refptr {
   void swap(scoped_refptr& r) noexcept { std::swap(ptr_, r.ptr_); }
 
   template <typename U>
-  bool operator==(const scoped_refptr<U>& r) const { return ptr_ == r.get(); }
+  bool operator==(const scoped_refptr<U>& r) const {
+    return ptr_ == r.get();
+  }
   template <typename U>
-  bool operator!=(const scoped_refptr<U>& r) const { return ptr_ != r.get(); }
+  bool operator!=(const scoped_refptr<U>& r) const {
+    return ptr_ != r.get();
+  }
   bool operator==(std::nullptr_t) const { return ptr_ == nullptr; }
   bool operator!=(std::nullptr_t) const { return ptr_ != nullptr; }
 

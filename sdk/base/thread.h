@@ -70,8 +70,7 @@ class ScopedThreadStartFailureForTesting {
   ScopedThreadStartFailureForTesting();
   ~ScopedThreadStartFailureForTesting();
   ScopedThreadStartFailureForTesting(const ScopedThreadStartFailureForTesting&) = delete;
-  ScopedThreadStartFailureForTesting& operator=(const ScopedThreadStartFailureForTesting&) =
-      delete;
+  ScopedThreadStartFailureForTesting& operator=(const ScopedThreadStartFailureForTesting&) = delete;
 };
 
 }  // namespace tarn_base

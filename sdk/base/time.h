@@ -132,7 +132,10 @@ class TickClock {
   // A clock whose time moves only when a test moves it accepts waiters: task queues
   // that then sleep until they are woken instead of until a wall-clock deadline.
   // Returns false for real clocks, whose waiters use deadlines.
-  virtual bool AddWaiter(ClockWaiter* waiter) const { (void)waiter; return false; }
+  virtual bool AddWaiter(ClockWaiter* waiter) const {
+    (void)waiter;
+    return false;
+  }
   virtual void RemoveWaiter(ClockWaiter* waiter) const { (void)waiter; }
 };
 

@@ -23,7 +23,7 @@ constexpr int kAudioEncoderAac = 3;
 struct AudioEncodeParams {
   int32_t channels = 1;
   int32_t sample_rate = 48000;
-  int32_t aac_profile = 2;  // MPEG-4 audio object type; 2 = AAC-LC.
+  int32_t aac_profile = 2;       // MPEG-4 audio object type; 2 = AAC-LC.
   int32_t bits_per_sample = 16;  // Of the PCM input.
   int32_t bitrate = 64000;       // Bits per second.
   int32_t codec_format = kAac;   // AudioCodecFormat of the output.

@@ -29,8 +29,8 @@ float AudioFrame::GetFrameSizeInMs() const {
       if (channels_ <= 0) return 0.0f;
       // Single precision in this order: callers derive timestamps, periods and counts
       // from it and truncate, so the rounding must not depend on the compiler.
-      const float bytes_per_second = static_cast<float>(2 * channels_) *
-                                     static_cast<float>(sample_rate_);
+      const float bytes_per_second =
+          static_cast<float>(2 * channels_) * static_cast<float>(sample_rate_);
       return static_cast<float>(data_.size()) / bytes_per_second * 1000.0f;
     }
     case kAac:

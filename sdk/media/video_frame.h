@@ -47,7 +47,7 @@ struct VideoFrame {
   int32_t frame_type = kDeltaFrame;
   int32_t reference_mode = kReferenceModeNormal;
   int32_t codec_type = kCodecH264;
-  uint32_t width = 0;   // Picture size in pixels.
+  uint32_t width = 0;  // Picture size in pixels.
   uint32_t height = 0;
   int32_t rotation = 0;  // Clockwise degrees a player should rotate by; informational.
 };

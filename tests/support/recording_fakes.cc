@@ -133,10 +133,11 @@ class FakeStreamWriter : public MediaStreamWriter {
 
 FakeWriterFactory::FakeWriterFactory() : state_(std::make_shared<FakeWriterState>()) {
   std::shared_ptr<FakeWriterState> state = state_;
-  scope_ = std::make_unique<tarnel::extensions::local_recording::ScopedWriterBackendFactoryForTesting>(
-      [state](LocalRecordingSegmentationWriter::Client* client) {
-        return std::make_unique<FakeStreamWriter>(state, client);
-      });
+  scope_ =
+      std::make_unique<tarnel::extensions::local_recording::ScopedWriterBackendFactoryForTesting>(
+          [state](LocalRecordingSegmentationWriter::Client* client) {
+            return std::make_unique<FakeStreamWriter>(state, client);
+          });
 }
 
 FakeWriterFactory::~FakeWriterFactory() = default;

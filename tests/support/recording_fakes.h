@@ -92,8 +92,7 @@ struct FakeWriterState {
   std::vector<WrittenPacket> packets;
 
   // The client the recorder handed to the last writer, for segment notices.
-  tarnel::extensions::local_recording::LocalRecordingSegmentationWriter::Client* client =
-      nullptr;
+  tarnel::extensions::local_recording::LocalRecordingSegmentationWriter::Client* client = nullptr;
 };
 
 // While alive, every LocalRecordingSegmentationWriter gets a fake backend reporting to
@@ -106,15 +105,14 @@ class FakeWriterFactory {
 
  private:
   std::shared_ptr<FakeWriterState> state_;
-  std::unique_ptr<tarnel::extensions::local_recording::ScopedWriterBackendFactoryForTesting>
-      scope_;
+  std::unique_ptr<tarnel::extensions::local_recording::ScopedWriterBackendFactoryForTesting> scope_;
 };
 
 // An AAC encoder double: consumes 1024 samples per channel and returns a small "AAC"
 // frame stamped with the input's timestamp. Can fail Init or the n-th Encode.
 struct FakeEncoderState {
   bool init_result = true;
-  int fail_encode_at = -1;  // 0-based Encode call that returns null; -1 never.
+  int fail_encode_at = -1;          // 0-based Encode call that returns null; -1 never.
   int32_t input_size_override = 0;  // Replaces the computed input size when not 0.
   bool create_returns_null = false;
 
@@ -147,15 +145,13 @@ class FakeResamplerScope {
 // Builders.
 std::unique_ptr<tarnel::video::VideoFrame> MakeVideoFrame(uint64_t pts, bool key,
                                                           uint32_t width = 640,
-                                                          uint32_t height = 360,
-                                                          int32_t codec = 0);
+                                                          uint32_t height = 360, int32_t codec = 0);
 // `duration_ms` of PCM at `sample_rate`/`channels`, all samples `value`.
 std::unique_ptr<tarnel::audio::AudioFrame> MakePcmFrame(uint32_t timestamp_ms, int duration_ms,
-                                                        int sample_rate = 48000,
-                                                        int channels = 1, int16_t value = 1000);
+                                                        int sample_rate = 48000, int channels = 1,
+                                                        int16_t value = 1000);
 std::unique_ptr<tarnel::audio::AudioFrame> MakeAacFrame(uint32_t timestamp_ms,
-                                                        int sample_rate = 48000,
-                                                        int channels = 2);
+                                                        int sample_rate = 48000, int channels = 2);
 
 }  // namespace tarnel_test
 

@@ -79,9 +79,8 @@ LocalRecordingImpl::~LocalRecordingImpl() {
   // A running recording is flushed, finished and reported by this last stop, which the
   // thread runs before it ends; only then do the members go.
   if (task_runner_) {
-    task_runner_->PostTask(FROM_HERE,
-                           tarn_base::BindOnce(&LocalRecordingImpl::StopImpl,
-                                               tarn_base::Unretained(this)));
+    task_runner_->PostTask(
+        FROM_HERE, tarn_base::BindOnce(&LocalRecordingImpl::StopImpl, tarn_base::Unretained(this)));
   }
   thread_.Stop();
 }
@@ -101,15 +100,18 @@ void LocalRecordingImpl::Stop() {
 
 void LocalRecordingImpl::WriteVideoFrame(std::unique_ptr<video::VideoFrame> frame) {
   if (!frame) {
-    RLOG(LS_ERROR) << "invalid input params:" << "video_frame NULL";
+    RLOG(LS_ERROR) << "invalid input params:"
+                   << "video_frame NULL";
     return;
   }
   if (frame->data.data() == nullptr) {
-    RLOG(LS_ERROR) << "invalid input params:" << "video_frame data NULL";
+    RLOG(LS_ERROR) << "invalid input params:"
+                   << "video_frame data NULL";
     return;
   }
   if (frame->data.size() < kMinVideoFrameSize) {
-    RLOG(LS_ERROR) << "invalid input params:" << "video_frame size:" << frame->data.size();
+    RLOG(LS_ERROR) << "invalid input params:"
+                   << "video_frame size:" << frame->data.size();
     return;
   }
   task_runner_->PostTask(FROM_HERE,
@@ -119,15 +121,18 @@ void LocalRecordingImpl::WriteVideoFrame(std::unique_ptr<video::VideoFrame> fram
 
 void LocalRecordingImpl::WriteAudioFrame(std::unique_ptr<audio::AudioFrame> frame) {
   if (!frame) {
-    RLOG(LS_ERROR) << "invalid input params:" << "audio_frame NULL";
+    RLOG(LS_ERROR) << "invalid input params:"
+                   << "audio_frame NULL";
     return;
   }
   if (frame->GetData() == nullptr) {
-    RLOG(LS_ERROR) << "invalid input params:" << "audio_frame data NULL";
+    RLOG(LS_ERROR) << "invalid input params:"
+                   << "audio_frame data NULL";
     return;
   }
   if (frame->GetSize() == 0) {
-    RLOG(LS_ERROR) << "invalid input params:" << "audio_frame size :" << frame->GetSize();
+    RLOG(LS_ERROR) << "invalid input params:"
+                   << "audio_frame size :" << frame->GetSize();
     return;
   }
   task_runner_->PostTask(FROM_HERE,
@@ -188,8 +193,7 @@ void LocalRecordingImpl::StartImpl(const LocalRecordingInitialParams& params) {
   client_->OnRecordingStarted(this, kOk);
 }
 
-bool LocalRecordingImpl::IsRecordingFileExisted(const tarn_base::FilePath& path,
-                                                bool segmented) {
+bool LocalRecordingImpl::IsRecordingFileExisted(const tarn_base::FilePath& path, bool segmented) {
   return tarn_base::PathExists(segmented ? path.InsertBeforeExtension("_1") : path);
 }
 
@@ -426,8 +430,7 @@ void LocalRecordingImpl::WriteAudioFrameImpl(std::unique_ptr<audio::AudioFrame> 
 
   int64_t t = frame->GetTimestampInMs();
   if (!audio_frame_cache_.empty() && t - last_audio_timestamp_ > kMaxAudioForwardStepMs) {
-    RLOG(LS_ERROR) << "audio time stamp increased too fast " << t << ", "
-                   << last_audio_timestamp_;
+    RLOG(LS_ERROR) << "audio time stamp increased too fast " << t << ", " << last_audio_timestamp_;
     ErrorHandling(kInvalidTimestamp);
     return;
   }
@@ -474,9 +477,8 @@ void LocalRecordingImpl::ResampleIfNeeded(audio::AudioFrame* frame) {
   if (!audio_resampler_) {
     audio_resampler_ = audio::AudioResampleInterface::Create(audio::kAudioResamplerDefault);
     if (!audio_resampler_) {
-      RLOG(LS_ERROR) << "no audio resampler available, frame left at "
-                     << frame->GetSampleRate() << " Hz, " << frame->GetChannels()
-                     << " channels";
+      RLOG(LS_ERROR) << "no audio resampler available, frame left at " << frame->GetSampleRate()
+                     << " Hz, " << frame->GetChannels() << " channels";
       return;
     }
   }
@@ -535,10 +537,9 @@ bool LocalRecordingImpl::StartMuxerIfNeeded() {
       FROM_HERE, tarn_base::TimeDelta::FromMilliseconds(kWriteIntervalMs),
       tarn_base::BindRepeating(&LocalRecordingImpl::Process, tarn_base::Unretained(this)));
   if (params_.progress_interval_ms >= 1) {
-    progress_timer_.Start(FROM_HERE,
-                          tarn_base::TimeDelta::FromMilliseconds(params_.progress_interval_ms),
-                          tarn_base::BindRepeating(&LocalRecordingImpl::NotifyProgress,
-                                                   tarn_base::Unretained(this)));
+    progress_timer_.Start(
+        FROM_HERE, tarn_base::TimeDelta::FromMilliseconds(params_.progress_interval_ms),
+        tarn_base::BindRepeating(&LocalRecordingImpl::NotifyProgress, tarn_base::Unretained(this)));
   }
 
   if (!audio_ring_buffer_ && !params_.fill_muted_frame) return true;
@@ -617,9 +618,10 @@ void LocalRecordingImpl::FrameAlignByTimestamp() {
 }
 
 void LocalRecordingImpl::ComputeTimestampOffset() {
-  const int64_t a = audio_frame_cache_.empty()
-                        ? -1
-                        : static_cast<int64_t>(audio_frame_cache_.begin()->second->GetTimestampInMs());
+  const int64_t a =
+      audio_frame_cache_.empty()
+          ? -1
+          : static_cast<int64_t>(audio_frame_cache_.begin()->second->GetTimestampInMs());
   const int64_t v =
       video_frame_cache_.empty() ? -1 : static_cast<int64_t>(video_frame_cache_.begin()->first);
   const bool both = !audio_frame_cache_.empty() && !video_frame_cache_.empty();
@@ -632,8 +634,8 @@ bool LocalRecordingImpl::FrameCachePreprocessing() {
   if (audio_frame_cache_.empty()) return true;
   size_t keep = 0;
   if (params_.fill_muted_frame) {
-    keep = static_cast<size_t>(
-        static_cast<int32_t>(kAudioLeadMs / muted_frame_->GetFrameSizeInMs()));
+    keep =
+        static_cast<size_t>(static_cast<int32_t>(kAudioLeadMs / muted_frame_->GetFrameSizeInMs()));
   }
   if (audio_ring_buffer_) {
     if (keep >= audio_frame_cache_.size()) return true;
@@ -661,8 +663,8 @@ bool LocalRecordingImpl::FrameCachePreprocessing() {
 }
 
 // static
-extensions::local_recording::LocalRecordingType
-LocalRecordingImpl::ConvertRecordTypeToRecordTypeV2(RecordType type) {
+extensions::local_recording::LocalRecordingType LocalRecordingImpl::ConvertRecordTypeToRecordTypeV2(
+    RecordType type) {
   return type < kAudioAndVideo ? static_cast<extensions::local_recording::LocalRecordingType>(type)
                                : extensions::local_recording::kAudioAndVideo;
 }
@@ -717,8 +719,7 @@ bool LocalRecordingImpl::ProcessVideoFrame(std::unique_ptr<video::VideoFrame> fr
 bool LocalRecordingImpl::ProcessAudioFrame(std::unique_ptr<audio::AudioFrame> frame) {
   const int64_t relative = static_cast<int64_t>(frame->GetTimestampInMs()) - timestamp_offset_;
   if (relative < 0) return true;  // Before the first picture of the file.
-  audio_duration_ms_ =
-      TruncateToInt64(static_cast<float>(relative) + frame->GetFrameSizeInMs());
+  audio_duration_ms_ = TruncateToInt64(static_cast<float>(relative) + frame->GetFrameSizeInMs());
   frame->SetTimestampInMs(static_cast<uint32_t>(relative));
   return CheckStreamWriteFailed(writer_->WriteAudioPacket(std::move(frame)));
 }
@@ -759,8 +760,7 @@ bool LocalRecordingImpl::EncodeAudioFrame() {
 }
 
 void LocalRecordingImpl::GenerateMutedFrame() {
-  muted_frame_ =
-      std::make_unique<audio::AudioFrame>(audio_frame_cache_.begin()->second->Clone());
+  muted_frame_ = std::make_unique<audio::AudioFrame>(audio_frame_cache_.begin()->second->Clone());
   tarnel::ExplicitZeroMemory(muted_frame_->GetData(), muted_frame_->GetSize());
 }
 
@@ -799,8 +799,8 @@ void LocalRecordingImpl::CheckAndAddMutedFrame() {
   if (!is_recording_ || audio_frame_cache_.size() <= kMutedFrameBacklogFrames) return;
   // Catch up with a backlog: k more passes, k = 30 + (-200 / L) in single precision.
   const float length = muted_frame_->GetFrameSizeInMs();
-  const int32_t extra = static_cast<int32_t>(static_cast<float>(kMutedFrameBacklogFrames) +
-                                             (-kAudioLeadMs / length));
+  const int32_t extra =
+      static_cast<int32_t>(static_cast<float>(kMutedFrameBacklogFrames) + (-kAudioLeadMs / length));
   for (int32_t i = 0; i < extra && is_recording_; ++i) DoCheckAndAddMutedFrame();
 }
 
@@ -814,8 +814,8 @@ void LocalRecordingImpl::DoCheckAndAddMutedFrame() {
     gap = static_cast<int64_t>(timestamp) - next_audio_timestamp_;
     if (kMutedFrameGapInFrames * muted_length > static_cast<float>(gap)) {
       // The next real frame is close enough to where audio is expected: write it.
-      next_audio_timestamp_ = TruncateToInt64(static_cast<float>(timestamp) +
-                                              first->second->GetFrameSizeInMs());
+      next_audio_timestamp_ =
+          TruncateToInt64(static_cast<float>(timestamp) + first->second->GetFrameSizeInMs());
       std::unique_ptr<audio::AudioFrame> frame = std::move(first->second);
       audio_frame_cache_.erase(first);
       if (audio_ring_buffer_) {
@@ -840,8 +840,7 @@ void LocalRecordingImpl::DoCheckAndAddMutedFrame() {
     audio_mux_cache_[static_cast<uint64_t>(next_audio_timestamp_)] =
         std::make_unique<audio::AudioFrame>(muted_frame_->Clone());
   }
-  next_audio_timestamp_ =
-      TruncateToInt64(muted_length + static_cast<float>(next_audio_timestamp_));
+  next_audio_timestamp_ = TruncateToInt64(muted_length + static_cast<float>(next_audio_timestamp_));
 }
 
 // ---------------------------------------------------------------------------------------
@@ -869,7 +868,8 @@ void LocalRecordingImpl::SendVideoMetaDataToMuxer() {
       video_parser_ = std::make_unique<video::VideoAVCParser>();
     }
     const CopyOnWriteBuffer data = first.data;
-    const video::ParameterSetList sets = video_parser_->ParseParameterSets(data.data(), data.size());
+    const video::ParameterSetList sets =
+        video_parser_->ParseParameterSets(data.data(), data.size());
     for (const auto& set : sets) {
       switch (set->type) {
         case video::kParameterSetVps:

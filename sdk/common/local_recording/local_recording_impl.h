@@ -37,9 +37,9 @@
 namespace tarnel {
 namespace recording {
 
-class LocalRecordingImpl : public LocalRecording,
-                           public extensions::local_recording::LocalRecordingSegmentationWriter::
-                               Client {
+class LocalRecordingImpl
+    : public LocalRecording,
+      public extensions::local_recording::LocalRecordingSegmentationWriter::Client {
  public:
   using Writer = extensions::local_recording::LocalRecordingSegmentationWriter;
 

@@ -68,7 +68,8 @@ TEST_F(LocalRecordingIntakeTest, VideoTimestampAndFormatErrorsEndTheRecording) {
          Video(1000, true);
          Video(999, true);
        },
-       kInvalidTimestamp, "video timestamp invalid and is key frame pts:999, last arriving pts:1000"},
+       kInvalidTimestamp,
+       "video timestamp invalid and is key frame pts:999, last arriving pts:1000"},
       {"resolution change",
        [this] {
          Video(0, true, 640, 360);
@@ -154,8 +155,8 @@ TEST_F(LocalRecordingIntakeTest, CachesAreBoundedWhileWaitingForTheOtherStream) 
   EXPECT_TRUE(logs_.Contains(
       "No audio frame was received and video frame cache is exceeded 100, clear video frame "
       "cache."));
-  Video(1030);                          // Waits for a key frame again.
-  Video(1040, true, 320, 240);          // Which may come with a new picture size.
+  Video(1030);                  // Waits for a key frame again.
+  Video(1040, true, 320, 240);  // Which may come with a new picture size.
   Aac(1040);
   StopRecording();
   EXPECT_EQ(WriteOrder(), "V0 A0");
@@ -201,13 +202,13 @@ TEST_F(LocalRecordingIntakeTest, EncoderFailuresEndTheRecording) {
 }
 
 TEST_F(LocalRecordingIntakeTest, Mp4SendsTheParameterSetsOfTheFirstKeyFrame) {
-  const uint8_t kAvc[] = {0, 0, 0, 1, 0x67, 0x42, 0x00, 0x1e, 0x95,  // SPS
-                          0, 0, 1,    0x68, 0xce, 0x3c, 0x80,        // PPS
-                          0, 0, 1,    0x65, 0x88, 0x84, 0x00};       // IDR slice
-  const uint8_t kHevc[] = {0, 0, 0, 1, 0x40, 0x01, 0x0c,  // VPS
-                           0, 0, 1,    0x42, 0x01, 0x01,  // SPS
-                           0, 0, 1,    0x44, 0x01, 0xc1,  // PPS
-                           0, 0, 1,    0x26, 0x01, 0xaf};  // IDR slice
+  const uint8_t kAvc[] = {0, 0, 0, 1,    0x67, 0x42, 0x00, 0x1e, 0x95,  // SPS
+                          0, 0, 1, 0x68, 0xce, 0x3c, 0x80,              // PPS
+                          0, 0, 1, 0x65, 0x88, 0x84, 0x00};             // IDR slice
+  const uint8_t kHevc[] = {0, 0, 0, 1,    0x40, 0x01, 0x0c,             // VPS
+                           0, 0, 1, 0x42, 0x01, 0x01,                   // SPS
+                           0, 0, 1, 0x44, 0x01, 0xc1,                   // PPS
+                           0, 0, 1, 0x26, 0x01, 0xaf};                  // IDR slice
   struct Case {
     const uint8_t* bytes;
     size_t size;

@@ -19,7 +19,7 @@ class LocalRecordingPipelineTest : public tarnel_test::RecorderFixture {};
 
 TEST_F(LocalRecordingPipelineTest, VideoOnlyRecordingIsRebasedAndWrittenEveryTick) {
   StartRecording(MakeParams(kMkv, kVideoOnly));
-  Video(900);              // Not a key frame: nothing to start from.
+  Video(900);  // Not a key frame: nothing to start from.
   Video(1000, /*key=*/true);
   Video(1033);
   auto no_dts = tarnel_test::MakeVideoFrame(1066, false);

@@ -111,15 +111,14 @@ TEST_F(LocalRecordingStartTest, RefusesBadParametersInOrderWithTheirOwnCodes) {
   StartAndWait(segmented);
 
   EXPECT_EQ(client_.StartResults(),
-            (std::vector<InternalError>{kUnsupportedFormat, kFileAlreadyExists,
-                                        kFileAlreadyExists, kFileAlreadyExists}));
-  EXPECT_EQ(RecorderErrors(),
-            (std::vector<std::string>{
-                "unsupported format, " + PathOf("missing/dir/out.mp4"),
-                "recording file already exists: " + PathOf("taken.mp4"),
-                "recording file already exists: " + PathOf("taken.mp4"),
-                "recording file already exists: " + PathOf("seg.mp4"),
-            }));
+            (std::vector<InternalError>{kUnsupportedFormat, kFileAlreadyExists, kFileAlreadyExists,
+                                        kFileAlreadyExists}));
+  EXPECT_EQ(RecorderErrors(), (std::vector<std::string>{
+                                  "unsupported format, " + PathOf("missing/dir/out.mp4"),
+                                  "recording file already exists: " + PathOf("taken.mp4"),
+                                  "recording file already exists: " + PathOf("taken.mp4"),
+                                  "recording file already exists: " + PathOf("seg.mp4"),
+                              }));
   EXPECT_EQ(writers_.state().constructed, 0);
   EXPECT_EQ(ReadText(PathOf("taken.mp4")), "old");
   EXPECT_EQ(ReadText(PathOf("seg_1.mp4")), "old segment");

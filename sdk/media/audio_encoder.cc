@@ -3,6 +3,7 @@
 #include <atomic>
 
 #include "sdk/base/logging.h"
+#include "sdk/media/ffmpeg/ffmpeg_aac_encoder.h"
 
 namespace tarnel {
 namespace audio {
@@ -33,8 +34,8 @@ void AudioEncoderFactory2::SetInstanceForTesting(AudioEncoderFactory2* factory) 
 }
 
 std::unique_ptr<AudioEncoder> AudioEncoderFactory2::CreateAudioEncoder(int type) {
-  TARN_LOG(tarn_logging::LS_ERROR, kLogConfig, this)
-      << "no audio encoder of type " << type << " in this build";
+  if (type == kAudioEncoderAac) return std::make_unique<FfmpegAacEncoder>();
+  TARN_LOG(tarn_logging::LS_ERROR, kLogConfig, this) << "no audio encoder of type " << type;
   return nullptr;
 }
 

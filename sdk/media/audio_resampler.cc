@@ -3,6 +3,7 @@
 #include <atomic>
 
 #include "sdk/base/logging.h"
+#include "sdk/media/ffmpeg/ffmpeg_audio_resampler.h"
 
 namespace tarnel {
 namespace audio {
@@ -20,8 +21,8 @@ std::unique_ptr<AudioResampleInterface> AudioResampleInterface::Create(int type)
   if (FactoryFunction factory = g_factory_for_testing.load(std::memory_order_acquire)) {
     return factory(type);
   }
-  TARN_LOG(tarn_logging::LS_ERROR, kLogConfig, nullptr)
-      << "no audio resampler of type " << type << " in this build";
+  if (type == kAudioResamplerDefault) return std::make_unique<FfmpegAudioResampler>();
+  TARN_LOG(tarn_logging::LS_ERROR, kLogConfig, nullptr) << "no audio resampler of type " << type;
   return nullptr;
 }
 

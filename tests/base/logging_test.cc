@@ -19,21 +19,19 @@ struct RecordingSink : LogSink {
   std::vector<LogRecord> records;
 };
 
-int Evaluate(int* count) { return ++*count; }
-
 TEST(LoggingTest, SinkGetsEnabledMessagesWithAllFieldsUntilRemoved) {
   RecordingSink sink;
   AddLogSink(&sink);
   SetStderrLoggingEnabled(false);
   SetMinSeverity(LS_WARNING);
   int evaluated = 0;
-  TARN_LOG(LS_INFO, kConfig, nullptr) << Evaluate(&evaluated);  // Not built at all.
+  TARN_LOG(LS_INFO, kConfig, nullptr) << ++evaluated;  // Not built at all.
   tarn_base::Thread thread("log-writer");
   ASSERT_TRUE(thread.Start());
   const int instance = 0;
   thread.task_runner()->PostTask(FROM_HERE, tarn_base::BindOnce([&] {
                                    TARN_LOG(LS_WARNING, kConfig, &instance)
-                                       << "disk " << Evaluate(&evaluated) << "% full";
+                                       << "disk " << ++evaluated << "% full";
                                  }));
   thread.Stop();
   RemoveLogSink(&sink);
@@ -42,9 +40,8 @@ TEST(LoggingTest, SinkGetsEnabledMessagesWithAllFieldsUntilRemoved) {
   SetStderrLoggingEnabled(true);
 
   EXPECT_EQ(evaluated, 1);
-  const std::vector<LogRecord>& records = sink.records;
-  ASSERT_EQ(records.size(), 1u);
-  const LogRecord& record = records[0];
+  ASSERT_EQ(sink.records.size(), 1u);
+  const LogRecord& record = sink.records[0];
   EXPECT_EQ(record.severity, LS_WARNING);
   EXPECT_TRUE(std::regex_search(record.file, std::regex("(^|/)logging_test\\.cc$")));
   EXPECT_GT(record.line, 0);

@@ -16,22 +16,21 @@ std::vector<uint8_t> BytesOf(const CopyOnWriteBuffer& buffer) {
   return std::vector<uint8_t>(buffer.data(), buffer.data() + buffer.size());
 }
 
-TEST(CopyOnWriteBufferTest, ConstructionCopiesOrMakesEmptyBuffers) {
+TEST(CopyOnWriteBufferTest, ConstructionCopiesAndEqualityComparesBytes) {
   uint8_t source[] = {9, 8, 7};
   CopyOnWriteBuffer copy(source, sizeof(source));
   source[0] = 0;
   EXPECT_EQ(BytesOf(copy), (std::vector<uint8_t>{9, 8, 7}));
-  EXPECT_FALSE(copy.HasSharedStore());
-
+  EXPECT_EQ(BytesOf(CopyOnWriteBuffer(size_t{5})), std::vector<uint8_t>(5, 0));
   for (const CopyOnWriteBuffer& empty :
        {CopyOnWriteBuffer(), CopyOnWriteBuffer(nullptr, 4), CopyOnWriteBuffer(source, 0),
         CopyOnWriteBuffer(size_t{0})}) {
-    EXPECT_TRUE(empty.empty());
     EXPECT_EQ(empty.data(), nullptr);
+    EXPECT_EQ(empty, CopyOnWriteBuffer());
   }
-
-  CopyOnWriteBuffer zeros(size_t{5});
-  EXPECT_EQ(BytesOf(zeros), std::vector<uint8_t>(5, 0));
+  EXPECT_EQ(CopyOnWriteBuffer(kBytes, 3), CopyOnWriteBuffer(kBytes, 3));
+  EXPECT_NE(CopyOnWriteBuffer(kBytes, 3), CopyOnWriteBuffer(kBytes + 1, 3));
+  EXPECT_NE(CopyOnWriteBuffer(kBytes, 3), CopyOnWriteBuffer(kBytes, 4));
 }
 
 TEST(CopyOnWriteBufferTest, CopiesShareTheStoreUntilWritten) {
@@ -40,45 +39,27 @@ TEST(CopyOnWriteBufferTest, CopiesShareTheStoreUntilWritten) {
   CopyOnWriteBuffer b = a;
   EXPECT_EQ(b.data(), a_bytes);
   EXPECT_TRUE(a.HasSharedStore());
-  EXPECT_TRUE(b.HasSharedStore());
 
   // Writing a shared buffer gives it a store of its own; the other keeps the bytes.
   uint8_t* written = b.MutableData();
-  ASSERT_NE(written, nullptr);
-  EXPECT_NE(written, a_bytes);
+  ASSERT_NE(written, a_bytes);
   written[0] = 42;
-  EXPECT_EQ(a.data(), a_bytes);
   EXPECT_EQ(a.data()[0], 1);
-  EXPECT_EQ(b.data()[0], 42);
-  EXPECT_EQ(b.size(), a.size());
   EXPECT_FALSE(a.HasSharedStore());
-  EXPECT_FALSE(b.HasSharedStore());
-
-  // Writing a sole owner does not copy.
-  EXPECT_EQ(a.MutableData(), a_bytes);
-  EXPECT_EQ(CopyOnWriteBuffer().MutableData(), nullptr);
-}
-
-TEST(CopyOnWriteBufferTest, AssignmentMovesReferences) {
-  CopyOnWriteBuffer a(kBytes, sizeof(kBytes));
-  const uint8_t* a_bytes = a.data();
+  EXPECT_EQ(a.MutableData(), a_bytes);  // Writing a sole owner does not copy.
 
   CopyOnWriteBuffer& alias = a;
   a = alias;
-  EXPECT_EQ(a.data(), a_bytes);
-  EXPECT_EQ(BytesOf(a), std::vector<uint8_t>(std::begin(kBytes), std::end(kBytes)));
-  EXPECT_FALSE(a.HasSharedStore());
   a = std::move(alias);
   EXPECT_EQ(a.data(), a_bytes);
   EXPECT_EQ(a.size(), sizeof(kBytes));
+  EXPECT_FALSE(a.HasSharedStore());
 
   // Assigning over a shared buffer drops its reference: the other holder is alone again.
   CopyOnWriteBuffer holder = a;
-  const CopyOnWriteBuffer other(kBytes, 2);
-  a = other;
+  a = b;
   EXPECT_FALSE(holder.HasSharedStore());
   EXPECT_EQ(holder.data(), a_bytes);
-  EXPECT_EQ(a.data(), other.data());
 
   // Moving hands the store over and empties the source.
   CopyOnWriteBuffer moved = std::move(holder);
@@ -86,8 +67,6 @@ TEST(CopyOnWriteBufferTest, AssignmentMovesReferences) {
   EXPECT_FALSE(moved.HasSharedStore());
   EXPECT_TRUE(holder.empty());  // NOLINT(bugprone-use-after-move)
   EXPECT_EQ(holder.data(), nullptr);
-  moved = CopyOnWriteBuffer();
-  EXPECT_TRUE(moved.empty());
 }
 
 TEST(CopyOnWriteBufferTest, SliceSharesARangeOfTheStore) {
@@ -95,10 +74,7 @@ TEST(CopyOnWriteBufferTest, SliceSharesARangeOfTheStore) {
   CopyOnWriteBuffer middle = whole.Slice(2, 4);
   EXPECT_EQ(middle.data(), whole.data() + 2);
   EXPECT_EQ(BytesOf(middle), (std::vector<uint8_t>{3, 4, 5, 6}));
-  EXPECT_TRUE(whole.HasSharedStore());
-
-  const CopyOnWriteBuffer inner = middle.Slice(1, 2);
-  EXPECT_EQ(inner.data(), whole.data() + 3);
+  EXPECT_EQ(middle.Slice(1, 2).data(), whole.data() + 3);
   EXPECT_EQ(whole.Slice(0, sizeof(kBytes)), whole);
 
   // Writing a slice copies just its range.
@@ -107,53 +83,37 @@ TEST(CopyOnWriteBufferTest, SliceSharesARangeOfTheStore) {
   EXPECT_EQ(whole.data()[2], 3);
 
   // Ranges outside the buffer, and empty ones, give an empty buffer.
-  for (const auto& range : std::vector<std::pair<size_t, size_t>>{
+  for (const auto& [offset, length] : std::vector<std::pair<size_t, size_t>>{
            {0, 9}, {8, 1}, {9, 0}, {4, 0}, {1, SIZE_MAX}, {SIZE_MAX, 2}}) {
-    SCOPED_TRACE(std::to_string(range.first) + "+" + std::to_string(range.second));
-    EXPECT_TRUE(whole.Slice(range.first, range.second).empty());
+    EXPECT_TRUE(whole.Slice(offset, length).empty()) << offset << "+" << length;
   }
   EXPECT_TRUE(CopyOnWriteBuffer().Slice(0, 0).empty());
 }
 
-TEST(CopyOnWriteBufferTest, EqualityComparesBytes) {
-  EXPECT_EQ(CopyOnWriteBuffer(kBytes, 3), CopyOnWriteBuffer(kBytes, 3));
-  EXPECT_NE(CopyOnWriteBuffer(kBytes, 3), CopyOnWriteBuffer(kBytes + 1, 3));
-  EXPECT_NE(CopyOnWriteBuffer(kBytes, 3), CopyOnWriteBuffer(kBytes, 4));
-  EXPECT_EQ(CopyOnWriteBuffer(), CopyOnWriteBuffer(nullptr, 0));
-}
-
 TEST(AudioFrameTest, CloneIsAnIndependentCopyOfEveryField) {
   audio::AudioFrame frame;
-  EXPECT_EQ(frame.GetData(), nullptr);
-  EXPECT_EQ(frame.GetSize(), 0u);
-
-  frame.SetData(kBytes, sizeof(kBytes));
+  frame.SetData(kBytes, 3);
   frame.SetTimestampInMs(1234);
   frame.SetSampleRate(44100);
   frame.SetChannels(2);
   frame.SetAudioFrameFormat(audio::kAac);
+  frame.SetEncoderDelaySamples(1024);
 
   audio::AudioFrame clone = frame.Clone();
-  ASSERT_NE(clone.GetData(), nullptr);
-  EXPECT_NE(clone.GetData(), frame.GetData());
+  ASSERT_NE(clone.GetData(), frame.GetData());
   EXPECT_EQ(std::vector<uint8_t>(clone.GetData(), clone.GetData() + clone.GetSize()),
-            std::vector<uint8_t>(std::begin(kBytes), std::end(kBytes)));
+            (std::vector<uint8_t>{1, 2, 3}));
   EXPECT_EQ(clone.GetTimestampInMs(), 1234u);
   EXPECT_EQ(clone.GetSampleRate(), 44100);
   EXPECT_EQ(clone.GetChannels(), 2);
   EXPECT_EQ(clone.GetAudioFrameFormat(), audio::kAac);
-
+  EXPECT_EQ(clone.GetEncoderDelaySamples(), 1024);
   clone.GetData()[0] = 77;
-  EXPECT_EQ(frame.GetData()[0], kBytes[0]);
+  EXPECT_EQ(frame.GetData()[0], 1);
 
-  // SetData copies and never keeps the caller's pointer; null or zero empties.
-  uint8_t source[] = {5, 6};
-  frame.SetData(source, sizeof(source));
-  source[0] = 0;
-  EXPECT_EQ(frame.GetData()[0], 5);
-  frame.SetData(nullptr, 2);
+  frame.SetData(nullptr, 2);  // Null or zero empties.
   EXPECT_EQ(frame.GetData(), nullptr);
-  frame.SetData(source, 0);
+  frame.SetData(kBytes, 0);
   EXPECT_EQ(frame.GetSize(), 0u);
 }
 
@@ -166,24 +126,17 @@ TEST(AudioFrameTest, FrameSizeInMs) {
     float expected_ms;
   };
   const Case cases[] = {
-      {audio::kPcm, 48000, 2, 1920, 10.0f},
-      {audio::kPcm, 44100, 2, 441 * 2 * 2, 10.0f},
-      {audio::kPcm, 48000, 1, 960, 10.0f},
       {audio::kPcm, 16000, 1, 320 * 3, 30.0f},
       {audio::kPcm, 44100, 2, 4096, 4096.0f / 176400.0f * 1000.0f},
-      {audio::kAac, 48000, 2, 300, 1024.0f / 48000.0f * 1000.0f},
-      {audio::kAac, 44100, 1, 10, 1024.0f / 44100.0f * 1000.0f},
       // The duration of an AAC frame does not depend on its channels or bytes.
+      {audio::kAac, 48000, 2, 300, 1024.0f / 48000.0f * 1000.0f},
       {audio::kAac, 44100, 0, 0, 1024.0f / 44100.0f * 1000.0f},
       {audio::kPcm, 0, 2, 1920, 0.0f},
-      {audio::kPcm, -48000, 2, 1920, 0.0f},
       {audio::kPcm, 48000, 0, 1920, 0.0f},
-      {audio::kAac, 0, 2, 300, 0.0f},
       {static_cast<audio::AudioCodecFormat>(5), 48000, 2, 1920, 0.0f},
   };
   for (const Case& c : cases) {
-    SCOPED_TRACE(std::to_string(c.format) + " " + std::to_string(c.sample_rate) + " Hz " +
-                 std::to_string(c.channels) + " ch " + std::to_string(c.bytes) + " bytes");
+    SCOPED_TRACE(testing::Message() << c.format << "/" << c.sample_rate << "/" << c.channels);
     audio::AudioFrame frame;
     const std::vector<uint8_t> bytes(c.bytes, 0x11);
     frame.SetData(bytes.data(), bytes.size());

@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "sdk/base/logging.h"
+#include "sdk/media_stream_writer/ffmpeg/ffmpeg_stream_writer.h"
 
 namespace tarnel {
 namespace extensions {
@@ -23,10 +24,10 @@ LocalRecordingSegmentationWriter::BackendFactory& TestFactory() {
   return factory;
 }
 
-// The built-in container backend. Until a container library is linked in, there is
-// none, and Start reports the failure.
-std::unique_ptr<MediaStreamWriter> MakeBuiltInBackend(LocalRecordingSegmentationWriter::Client*) {
-  return nullptr;
+// The built-in container backend, on FFmpeg's muxers.
+std::unique_ptr<MediaStreamWriter> MakeBuiltInBackend(
+    LocalRecordingSegmentationWriter::Client* client) {
+  return std::make_unique<FfmpegStreamWriter>(client);
 }
 
 }  // namespace

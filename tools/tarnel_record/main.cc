@@ -138,7 +138,8 @@ class ToolClient : public LocalRecording::Client {
     if (!show_progress_) return;
     const auto now = Clock::now();
     if (now < next_print_) return;
-    next_print_ = now + std::chrono::milliseconds(std::max(options_.progress_ms, 100));
+    // A little under the period, so that timer jitter does not skip every other report.
+    next_print_ = now + std::chrono::milliseconds(std::max(options_.progress_ms, 100) * 9 / 10);
     std::fprintf(stderr, "%srecorded %6.1f s  frames in: video %lld, audio %lld  size %s%s",
                  terminal_ ? "\r" : "", duration_ms / 1000.0,
                  static_cast<long long>(video_in_->load()),
@@ -300,6 +301,22 @@ int Run(const Options& options) {
       std::fprintf(stderr, "input %s: %s\n", source_options.url.c_str(),
                    source->Describe().c_str());
     sources.push_back(std::move(source));
+  }
+
+  // AAC handed over as it is must already be in the recording's format: the recorder
+  // converts sample rate and channel count only for PCM.
+  if (options.audio_passthrough) {
+    for (const auto& source : sources) {
+      if (!source->has_audio()) continue;
+      if (source->audio_sample_rate() != 48000 || source->audio_channels() > 2) {
+        std::fprintf(stderr,
+                     "error: --audio-passthrough needs 48000 Hz mono or stereo AAC; the input "
+                     "has %d Hz, %d channels\n",
+                     source->audio_sample_rate(), source->audio_channels());
+        return 1;
+      }
+      params.stereo_audio = source->audio_channels() == 2;
+    }
   }
 
   bool live = false;

@@ -104,6 +104,12 @@ class FfmpegSource : public MediaSource {
   bool has_video() const override { return video_index_ >= 0; }
   bool has_audio() const override { return audio_index_ >= 0; }
   bool is_live() const override { return live_; }
+  int audio_sample_rate() const override {
+    return has_audio() ? format_->streams[audio_index_]->codecpar->sample_rate : 0;
+  }
+  int audio_channels() const override {
+    return has_audio() ? format_->streams[audio_index_]->codecpar->ch_layout.nb_channels : 0;
+  }
 
   std::string Describe() const override {
     std::string out;

@@ -42,6 +42,10 @@ class MediaSource {
   // E.g. "h264 1280x720" / "aac 44100 Hz 2 ch -> pcm".
   virtual std::string Describe() const = 0;
   virtual bool is_live() const = 0;
+  // The audio stream's rate and channel count as the input declares them (0 without
+  // audio).
+  virtual int audio_sample_rate() const = 0;
+  virtual int audio_channels() const = 0;
 
   // The next frame; false at the end of the input or on a read error (then `error`
   // is set).

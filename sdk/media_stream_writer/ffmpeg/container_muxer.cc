@@ -1,0 +1,338 @@
+#include "sdk/media_stream_writer/ffmpeg/container_muxer.h"
+
+#include <cstring>
+#include <utility>
+
+#include "sdk/base/logging.h"
+
+extern "C" {
+#include <libavcodec/avcodec.h>
+#include <libavformat/avformat.h>
+#include <libavutil/channel_layout.h>
+#include <libavutil/error.h>
+#include <libavutil/mem.h>
+}
+
+namespace tarnel {
+namespace media_stream_writer {
+namespace {
+
+constexpr tarn_logging::LogConfig kLogConfig{"media_stream_writer"};
+constexpr int kIoBufferSize = 64 * 1024;
+
+// FFmpeg's text for a negative error code. (av_err2str is a C compound literal.)
+std::string AvErrorText(int error) {
+  char text[AV_ERROR_MAX_STRING_SIZE] = {};
+  av_strerror(error, text, sizeof(text));
+  return text;
+}
+
+const char* MuxerName(ContainerMuxer::Container container) {
+  switch (container) {
+    case ContainerMuxer::kMp4:
+      return "mp4";
+    case ContainerMuxer::kM4a:
+      return "ipod";  // The mov muxer in its M4A flavour ("M4A " brand).
+    case ContainerMuxer::kMkv:
+      return "matroska";
+    case ContainerMuxer::kWav:
+      return "wav";
+    case ContainerMuxer::kAdts:
+      return "adts";
+  }
+  return "";
+}
+
+int WriteToFile(void* opaque, uint8_t* data, int size) {
+  const int result = static_cast<OutputFile*>(opaque)->Write(data, static_cast<size_t>(size));
+  return result < 0 ? AVERROR(-result) : result;
+}
+
+int64_t SeekInFile(void* opaque, int64_t offset, int whence) {
+  auto* file = static_cast<OutputFile*>(opaque);
+  if (whence & AVSEEK_SIZE) return file->size();
+  const int64_t result = file->Seek(offset, whence & ~AVSEEK_FORCE);
+  return result < 0 ? AVERROR(static_cast<int>(-result)) : result;
+}
+
+bool SetExtradata(AVCodecParameters* parameters, const Bytes& bytes) {
+  if (bytes.empty()) return true;
+  parameters->extradata =
+      static_cast<uint8_t*>(av_mallocz(bytes.size() + AV_INPUT_BUFFER_PADDING_SIZE));
+  if (parameters->extradata == nullptr) return false;
+  std::memcpy(parameters->extradata, bytes.data(), bytes.size());
+  parameters->extradata_size = static_cast<int>(bytes.size());
+  return true;
+}
+
+}  // namespace
+
+struct ContainerMuxer::StreamState {
+  AVStream* stream = nullptr;
+  AVRational input_time_base{1, 1000};
+  AVPacket* held = nullptr;  // Valid when has_held.
+  bool has_held = false;
+  int64_t held_nominal_duration = 0;
+  int64_t muxed = 0;
+
+  ~StreamState() { av_packet_free(&held); }
+};
+
+bool ProbeVideoSize(bool hevc, const uint8_t* data, size_t size, int* width, int* height) {
+  AVCodecParserContext* parser = av_parser_init(hevc ? AV_CODEC_ID_HEVC : AV_CODEC_ID_H264);
+  AVCodecContext* codec = avcodec_alloc_context3(nullptr);
+  bool found = false;
+  if (parser != nullptr && codec != nullptr) {
+    codec->codec_type = AVMEDIA_TYPE_VIDEO;
+    codec->codec_id = hevc ? AV_CODEC_ID_HEVC : AV_CODEC_ID_H264;
+    parser->flags |= PARSER_FLAG_COMPLETE_FRAMES;
+    // The parser reads up to AV_INPUT_BUFFER_PADDING_SIZE bytes past the input.
+    Bytes padded(data, data + size);
+    padded.resize(size + AV_INPUT_BUFFER_PADDING_SIZE, 0);
+    uint8_t* out = nullptr;
+    int out_size = 0;
+    av_parser_parse2(parser, codec, &out, &out_size, padded.data(), static_cast<int>(size),
+                     AV_NOPTS_VALUE, AV_NOPTS_VALUE, 0);
+    found = parser->width > 0 && parser->height > 0;
+    if (found) {
+      *width = parser->width;
+      *height = parser->height;
+    }
+  }
+  av_parser_close(parser);
+  avcodec_free_context(&codec);
+  return found;
+}
+
+std::unique_ptr<ContainerMuxer> ContainerMuxer::Create(Container container,
+                                                       const std::string& path) {
+  std::unique_ptr<ContainerMuxer> muxer(new ContainerMuxer(container, path));
+  if (!muxer->Open()) return nullptr;
+  return muxer;
+}
+
+ContainerMuxer::ContainerMuxer(Container container, std::string path)
+    : container_(container), path_(std::move(path)) {}
+
+ContainerMuxer::~ContainerMuxer() {
+  if (!finished_) Discard();
+}
+
+bool ContainerMuxer::Open() {
+  int result =
+      avformat_alloc_output_context2(&context_, nullptr, MuxerName(container_), path_.c_str());
+  if (result < 0 || context_ == nullptr) {
+    TARN_LOG(tarn_logging::LS_ERROR, kLogConfig, this)
+        << "no " << MuxerName(container_) << " muxer: " << AvErrorText(result);
+    return false;
+  }
+  file_ = OutputFile::Create(path_);
+  if (!file_) return false;
+  auto* buffer = static_cast<unsigned char*>(av_malloc(kIoBufferSize));
+  if (buffer != nullptr) {
+    io_ = avio_alloc_context(buffer, kIoBufferSize, /*write_flag=*/1, file_.get(), nullptr,
+                             &WriteToFile, &SeekInFile);
+  }
+  if (io_ == nullptr) {
+    av_free(buffer);
+    TARN_LOG(tarn_logging::LS_ERROR, kLogConfig, this) << "out of memory opening " << path_;
+    return false;
+  }
+  context_->pb = io_;
+  context_->flags |= AVFMT_FLAG_CUSTOM_IO;
+  return true;
+}
+
+int ContainerMuxer::AddStream(int time_base_den) {
+  if (header_written_ || context_ == nullptr) return -1;
+  AVStream* stream = avformat_new_stream(context_, nullptr);
+  auto state = std::make_unique<StreamState>();
+  state->held = av_packet_alloc();
+  if (stream == nullptr || state->held == nullptr) {
+    TARN_LOG(tarn_logging::LS_ERROR, kLogConfig, this) << "out of memory adding a stream";
+    return -1;
+  }
+  state->stream = stream;
+  state->input_time_base = AVRational{1, time_base_den};
+  stream->time_base = state->input_time_base;
+  streams_.push_back(std::move(state));
+  return stream->index;
+}
+
+int ContainerMuxer::AddVideoStream(const VideoStreamConfig& config) {
+  const int index = AddStream(config.time_base_den);
+  if (index < 0) return -1;
+  AVCodecParameters* parameters = streams_.back()->stream->codecpar;
+  parameters->codec_type = AVMEDIA_TYPE_VIDEO;
+  parameters->codec_id = config.hevc ? AV_CODEC_ID_HEVC : AV_CODEC_ID_H264;
+  parameters->width = config.width;
+  parameters->height = config.height;
+  if (!SetExtradata(parameters, config.decoder_config)) return -1;
+  return index;
+}
+
+int ContainerMuxer::AddAudioStream(const AudioStreamConfig& config) {
+  const int index = AddStream(config.sample_rate);
+  if (index < 0) return -1;
+  AVCodecParameters* parameters = streams_.back()->stream->codecpar;
+  parameters->codec_type = AVMEDIA_TYPE_AUDIO;
+  parameters->sample_rate = config.sample_rate;
+  av_channel_layout_default(&parameters->ch_layout, config.channels);
+  if (config.aac) {
+    parameters->codec_id = AV_CODEC_ID_AAC;
+    parameters->profile = FF_PROFILE_AAC_LOW;
+    parameters->frame_size = 1024;
+    if (!SetExtradata(parameters, config.audio_specific_config)) return -1;
+  } else {
+    parameters->codec_id = AV_CODEC_ID_PCM_S16LE;
+    parameters->bits_per_coded_sample = 16;
+    parameters->block_align = 2 * config.channels;
+    parameters->bit_rate = int64_t{16} * config.sample_rate * config.channels;
+  }
+  return index;
+}
+
+bool ContainerMuxer::WriteHeader() {
+  if (header_written_ || context_ == nullptr || streams_.empty()) return false;
+  AVDictionary* options = nullptr;
+  switch (container_) {
+    case kMp4:
+    case kM4a:
+      av_dict_set(&options, "movflags", "empty_moov+delay_moov+default_base_moof+frag_keyframe", 0);
+      av_dict_set(&options, "frag_duration", "500000", 0);  // us
+      break;
+    case kMkv:
+      av_dict_set(&options, "cluster_time_limit", "500", 0);      // ms
+      av_dict_set(&options, "cluster_size_limit", "2097152", 0);  // bytes
+      break;
+    case kWav:
+    case kAdts:
+      break;
+  }
+  const int result = avformat_write_header(context_, &options);
+  av_dict_free(&options);
+  if (result < 0) {
+    TARN_LOG(tarn_logging::LS_ERROR, kLogConfig, this)
+        << "cannot write the " << MuxerName(container_) << " header of " << path_ << ": "
+        << AvErrorText(result);
+    return false;
+  }
+  header_written_ = true;
+  // Bytes the disk refused are kept for retry; only a broken file is a failure here.
+  FlushToDisk();
+  return !file_->broken();
+}
+
+bool ContainerMuxer::WritePacket(int stream_index, const uint8_t* data, size_t size, int64_t pts,
+                                 int64_t dts, int64_t nominal_duration, bool key) {
+  if (!header_written_ || finished_ || stream_index < 0 ||
+      stream_index >= static_cast<int>(streams_.size())) {
+    return false;
+  }
+  StreamState* stream = streams_[static_cast<size_t>(stream_index)].get();
+  file_->Drain();
+  bool ok = true;
+  if (stream->has_held) ok = MuxHeld(stream, dts);
+
+  AVPacket* packet = stream->held;
+  if (av_new_packet(packet, static_cast<int>(size)) < 0) {
+    TARN_LOG(tarn_logging::LS_ERROR, kLogConfig, this) << "out of memory for a packet";
+    return false;
+  }
+  if (size > 0) std::memcpy(packet->data, data, size);
+  packet->pts = pts;
+  packet->dts = dts;
+  packet->stream_index = stream_index;
+  if (key) packet->flags |= AV_PKT_FLAG_KEY;
+  stream->has_held = true;
+  stream->held_nominal_duration = nominal_duration;
+  return ok && !file_->has_backlog() && !file_->broken();
+}
+
+bool ContainerMuxer::MuxHeld(StreamState* stream, int64_t next_dts) {
+  AVPacket* packet = stream->held;
+  stream->has_held = false;
+  if (file_->broken()) {
+    av_packet_unref(packet);
+    return false;
+  }
+  packet->duration = next_dts != AV_NOPTS_VALUE && next_dts > packet->dts
+                         ? next_dts - packet->dts
+                         : stream->held_nominal_duration;
+  av_packet_rescale_ts(packet, stream->input_time_base, stream->stream->time_base);
+  const int result = av_write_frame(context_, packet);
+  av_packet_unref(packet);
+  if (result < 0) {
+    TARN_LOG(tarn_logging::LS_ERROR, kLogConfig, this)
+        << "cannot write a packet of stream " << stream->stream->index << " to " << path_ << ": "
+        << AvErrorText(result);
+  } else {
+    ++stream->muxed;
+  }
+  if (!first_fragment_cut_ && result >= 0) {
+    // Cut the first fragment (cluster) as soon as every stream has a packet in it, so
+    // that the file holds a moov with the right edit lists and plays from now on.
+    bool all = true;
+    for (const auto& state : streams_) all = all && state->muxed > 0;
+    if (all) {
+      first_fragment_cut_ = true;
+      av_write_frame(context_, nullptr);
+    }
+  }
+  return FlushToDisk() && result >= 0;
+}
+
+bool ContainerMuxer::FlushToDisk() {
+  avio_flush(io_);
+  if (file_->has_backlog() || file_->broken()) return false;
+  file_->Commit();
+  return true;
+}
+
+int64_t ContainerMuxer::Finish() {
+  if (finished_) return -1;
+  if (!header_written_) {
+    Discard();
+    return -1;
+  }
+  for (const auto& stream : streams_) {
+    if (stream->has_held) MuxHeld(stream.get(), AV_NOPTS_VALUE);
+  }
+  if (!file_->Drain()) file_->Break();
+  if (!file_->broken()) {
+    const int result = av_write_trailer(context_);
+    avio_flush(io_);
+    if (result < 0) {
+      TARN_LOG(tarn_logging::LS_ERROR, kLogConfig, this)
+          << "cannot finish " << path_ << ": " << AvErrorText(result);
+    }
+    if (result < 0 || !file_->Drain()) file_->Break();
+  }
+  const bool ok = !file_->broken();
+  finished_ = true;
+  Close();
+  const int64_t size = file_->Close(/*remove_if_empty=*/false);
+  return ok ? size : -1;
+}
+
+void ContainerMuxer::Discard() {
+  finished_ = true;
+  Close();
+  if (file_) file_->Close(/*remove_if_empty=*/true);
+}
+
+void ContainerMuxer::Close() {
+  if (context_ != nullptr) {
+    context_->pb = nullptr;
+    avformat_free_context(context_);
+    context_ = nullptr;
+  }
+  if (io_ != nullptr) {
+    av_freep(&io_->buffer);
+    avio_context_free(&io_);
+  }
+  streams_.clear();
+}
+
+}  // namespace media_stream_writer
+}  // namespace tarnel

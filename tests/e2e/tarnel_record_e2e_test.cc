@@ -1,0 +1,207 @@
+// Real recordings through the real writer, encoder and resampler, driven by the
+// tarnel-record tool, checked with ffprobe and ffmpeg.
+#include <cmath>
+#include <string>
+#include <vector>
+
+#include "gtest/gtest.h"
+#include "sdk/base/file_path.h"
+#include "sdk/base/file_util.h"
+#include "tests/support/e2e_util.h"
+#include "tests/support/scoped_temp_dir.h"
+
+namespace tarnel_e2e {
+namespace {
+
+const std::string kTool = TARNEL_RECORD_BIN;
+const std::string kSample = TARNEL_SAMPLE;
+
+class TarnelRecordTest : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    ASSERT_TRUE(inputs_.CreateUniqueTempDir());
+    // Two seconds of H.264 and of H.265 with 48 kHz stereo AAC, 320x240.
+    for (const char* codec : {"libx264", "libx265"}) {
+      const std::string out = Input(codec == std::string("libx264") ? "h264.mp4" : "h265.mp4");
+      const CommandResult made = RunCommand(
+          "ffmpeg -nostdin -y -v error -f lavfi -i testsrc2=size=320x240:rate=25 -f lavfi -i "
+          "sine=frequency=660:sample_rate=48000 -t 2 -ac 2 -c:v " +
+              std::string(codec) + " -preset ultrafast -bf 0 -g 25 " +
+              (codec == std::string("libx265") ? "-x265-params log-level=error " : "") +
+              "-pix_fmt yuv420p -c:a aac -b:a 96k " + Quote(out),
+          true);
+      ASSERT_EQ(made.exit_code, 0) << made.output;
+    }
+  }
+
+  void SetUp() override { ASSERT_TRUE(dir_.CreateUniqueTempDir()); }
+
+  static std::string Input(const std::string& name) {
+    return inputs_.GetPath().Append(name).value();
+  }
+  std::string Output(const std::string& name) { return dir_.GetPath().Append(name).value(); }
+
+  // Runs the tool with --json (and --fast unless `args` choose the pacing).
+  CommandResult Record(const std::string& args) {
+    const bool paced = args.find("--realtime") != std::string::npos;
+    return RunCommand(kTool + " --json " + (paced ? "" : "--fast ") + args, false);
+  }
+
+  static void ExpectStreams(const std::string& path, const std::vector<std::string>& codecs) {
+    const auto streams = ProbeStreams(path);
+    ASSERT_EQ(streams.size(), codecs.size()) << path;
+    for (size_t i = 0; i < codecs.size(); ++i) EXPECT_EQ(streams[i].at("codec_name"), codecs[i]);
+    EXPECT_EQ(DecodeErrors(path), "") << path;
+  }
+
+  static tarnel_test::ScopedTempDir inputs_;
+  tarnel_test::ScopedTempDir dir_;
+};
+
+tarnel_test::ScopedTempDir TarnelRecordTest::inputs_;
+
+TEST_F(TarnelRecordTest, SampleIntoMp4IsCompleteAndInSync) {
+  const std::string out = Output("out.mp4");
+  const CommandResult run = Record("--stereo -i " + Quote(kSample) + " -o " + Quote(out));
+  ASSERT_EQ(run.exit_code, 0) << run.output;
+  EXPECT_EQ(JsonField(run.output, "result"), "Ok");
+  EXPECT_EQ(JsonField(run.output, "video_frames_in"), "300");
+  EXPECT_EQ(JsonField(run.output, "video_frames_written"), "300");
+
+  const auto streams = ProbeStreams(out);
+  ASSERT_EQ(streams.size(), 2u);
+  EXPECT_EQ(streams[0].at("codec_name"), "h264");
+  EXPECT_EQ(streams[0].at("width"), "640");
+  EXPECT_EQ(streams[0].at("nb_read_frames"), "300");
+  EXPECT_EQ(streams[1].at("codec_name"), "aac");
+  EXPECT_EQ(streams[1].at("sample_rate"), "48000");
+  EXPECT_EQ(streams[1].at("channels"), "2");
+  EXPECT_NEAR(ProbeDuration(out), 10.0, 0.05);
+  EXPECT_EQ(DecodeErrors(out), "");
+
+  // Every second the sample flashes white and beeps at the same instant.
+  const std::vector<double> flashes = FindBrightFrames(out, 200);
+  const std::vector<double> beeps = FindBursts(DecodeAudio(out, 48000), 48000, 0.3f, 0.5);
+  ASSERT_EQ(flashes.size(), 10u);
+  ASSERT_EQ(beeps.size(), 10u);
+  for (size_t i = 0; i < flashes.size(); ++i) {
+    EXPECT_NEAR(beeps[i], flashes[i], 0.010)
+        << "second " << i << ": beep at " << beeps[i] << " s, flash at " << flashes[i] << " s";
+  }
+}
+
+TEST_F(TarnelRecordTest, EveryFormatWithTheStreamsItCarries) {
+  struct Case {
+    std::string name, input, args;
+    std::vector<std::string> codecs;
+  } const kCases[] = {
+      {"h264.mp4", "h264.mp4", "", {"h264", "aac"}},
+      {"h265.mp4", "h265.mp4", "", {"hevc", "aac"}},
+      {"h264.mkv", "h264.mp4", "", {"h264", "pcm_s16le"}},
+      {"h265.mkv", "h265.mp4", "--audio-passthrough", {"hevc", "aac"}},
+      {"video.mp4", "h264.mp4", "--type video", {"h264"}},
+      {"audio.wav", "h264.mp4", "--stereo", {"pcm_s16le"}},
+      {"audio.m4a", "h265.mp4", "", {"aac"}},
+      {"audio.aac", "h264.mp4", "", {"aac"}},
+  };
+  for (const Case& c : kCases) {
+    SCOPED_TRACE(c.name);
+    const std::string out = Output(c.name);
+    const CommandResult run = Record(c.args + " -i " + Quote(Input(c.input)) + " -o " + Quote(out));
+    ASSERT_EQ(run.exit_code, 0) << run.output;
+    ExpectStreams(out, c.codecs);
+    EXPECT_EQ(JsonField(run.output, "video_frames_written"),
+              c.codecs[0] == "h264" || c.codecs[0] == "hevc" ? "50" : "0");
+    const auto streams = ProbeStreams(out);
+    const auto& audio = streams.back();
+    if (audio.count("sample_rate")) {
+      EXPECT_EQ(audio.at("sample_rate"), "48000");
+    }
+    // ADTS has no index: ffprobe only estimates its duration, so count what decodes.
+    const double duration =
+        c.name == "audio.aac" ? DecodeAudio(out, 48000).size() / 48000.0 : ProbeDuration(out);
+    EXPECT_NEAR(duration, 2.0, 0.08);
+  }
+}
+
+TEST_F(TarnelRecordTest, SegmentsArePlayableOnTheirOwnAndLoseNothing) {
+  const std::string out = Output("seg.mp4");
+  const CommandResult run = Record("--segment 3 -i " + Quote(kSample) + " -o " + Quote(out));
+  ASSERT_EQ(run.exit_code, 0) << run.output;
+  int total_frames = 0;
+  int segments = 0;
+  for (int i = 1; i <= 10; ++i) {
+    const std::string segment = Output("seg_" + std::to_string(i) + ".mp4");
+    if (!tarn_base::PathExists(tarn_base::FilePath(segment))) break;
+    ++segments;
+    SCOPED_TRACE(segment);
+    ExpectStreams(segment, {"h264", "aac"});
+    total_frames += std::stoi(ProbeStreams(segment)[0].at("nb_read_frames"));
+    const CommandResult first = RunCommand(
+        "ffprobe -v error -select_streams v -read_intervals %+#1 -show_entries "
+        "frame=key_frame,pts_time -of csv=p=0 " +
+        Quote(segment));
+    EXPECT_EQ(first.output.substr(0, 2), "1,") << "starts at a key frame";
+    EXPECT_NEAR(std::atof(first.output.c_str() + 2), 0.0, 0.001) << "starts at 0";
+  }
+  EXPECT_GE(segments, 3);
+  EXPECT_EQ(total_frames, 300);
+  EXPECT_FALSE(tarn_base::PathExists(tarn_base::FilePath(out)));
+}
+
+TEST_F(TarnelRecordTest, SourcePauseIsFilledWithSilence) {
+  const std::string out = Output("pause.mkv");
+  const CommandResult run = Record("--realtime --fill-muted --drop-audio 500-1200 -i " +
+                                   Quote(Input("h264.mp4")) + " -o " + Quote(out));
+  ASSERT_EQ(run.exit_code, 0) << run.output;
+  ExpectStreams(out, {"h264", "pcm_s16le"});
+  // The decoded track is as long as the recording: the pause became silence, not a
+  // hole that players close up.
+  const std::vector<float> audio = DecodeAudio(out, 48000);
+  EXPECT_NEAR(audio.size() / 48000.0, 2.0, 0.12);
+  int silent_ms = 0;
+  for (size_t ms = 0; ms + 1 < audio.size() / 48; ++ms) {
+    float peak = 0;
+    for (size_t i = ms * 48; i < ms * 48 + 48; ++i) peak = std::max(peak, std::fabs(audio[i]));
+    if (peak < 1e-3f) ++silent_ms;
+  }
+  EXPECT_GT(silent_ms, 500);
+}
+
+TEST_F(TarnelRecordTest, RefusalsEndWithTheirCodeAndLeaveNoFile) {
+  const std::string existing = Output("exists.mp4");
+  ASSERT_TRUE(tarn_base::WriteFile(tarn_base::FilePath(existing), "x"));
+  struct Case {
+    std::string args, result;
+    int exit_code;
+    std::string leftover;
+  } const kCases[] = {
+      {"-i " + Quote(kSample) + " -o " + Quote(existing), "", 2, ""},
+      {"-i " + Quote(kSample) + " -o " + Quote(Output("missing/out.mp4")), "", 2, ""},
+      {"--resize-at 1000 -i " + Quote(Input("h264.mp4")) + " -o " + Quote(Output("r.mp4")),
+       "ResolutionChanged", 2, ""},
+      // Audio only in, audio and video wanted: the video never arrives.
+      {"-f wav -i " + Quote(Output("tone.wav")) + " -o " + Quote(Output("none.mp4")),
+       "NoStreamArrived", 2, Output("none.mp4")},
+  };
+  ASSERT_EQ(RunCommand("ffmpeg -nostdin -v error -f lavfi -i sine=d=1 " + Quote(Output("tone.wav")))
+                .exit_code,
+            0);
+  for (const Case& c : kCases) {
+    SCOPED_TRACE(c.args);
+    const CommandResult run = Record(c.args);
+    EXPECT_EQ(run.exit_code, c.exit_code) << run.output;
+    if (!c.result.empty()) {
+      EXPECT_EQ(JsonField(run.output, "result"), c.result);
+    }
+    if (!c.leftover.empty()) {
+      EXPECT_FALSE(tarn_base::PathExists(tarn_base::FilePath(c.leftover)));
+    }
+  }
+  std::string kept;
+  ASSERT_TRUE(tarn_base::ReadFileToString(tarn_base::FilePath(existing), &kept));
+  EXPECT_EQ(kept, "x");
+}
+
+}  // namespace
+}  // namespace tarnel_e2e

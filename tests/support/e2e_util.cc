@@ -1,0 +1,123 @@
+#include "tests/support/e2e_util.h"
+
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <sstream>
+
+#include <sys/wait.h>
+
+namespace tarnel_e2e {
+
+CommandResult RunCommand(const std::string& command, bool with_stderr) {
+  CommandResult result;
+  const std::string full = with_stderr ? command + " 2>&1" : command;
+  FILE* pipe = popen(full.c_str(), "r");
+  if (!pipe) return result;
+  char buffer[65536];
+  size_t n;
+  while ((n = fread(buffer, 1, sizeof(buffer), pipe)) > 0) result.output.append(buffer, n);
+  const int status = pclose(pipe);
+  result.exit_code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  return result;
+}
+
+std::string Quote(const std::string& text) {
+  std::string out = "'";
+  for (char c : text) {
+    if (c == '\'') {
+      out += "'\\''";
+    } else {
+      out += c;
+    }
+  }
+  return out + "'";
+}
+
+std::vector<std::map<std::string, std::string>> ProbeStreams(const std::string& path) {
+  const CommandResult probe =
+      RunCommand("ffprobe -v error -count_frames -show_streams -of default=nw=0 " + Quote(path));
+  std::vector<std::map<std::string, std::string>> streams;
+  std::istringstream lines(probe.output);
+  std::string line;
+  while (std::getline(lines, line)) {
+    if (line == "[STREAM]") {
+      streams.emplace_back();
+    } else if (!streams.empty()) {
+      const size_t eq = line.find('=');
+      if (eq != std::string::npos) streams.back()[line.substr(0, eq)] = line.substr(eq + 1);
+    }
+  }
+  return streams;
+}
+
+double ProbeDuration(const std::string& path) {
+  const CommandResult probe =
+      RunCommand("ffprobe -v error -show_entries format=duration -of csv=p=0 " + Quote(path));
+  return probe.exit_code == 0 && !probe.output.empty() ? std::atof(probe.output.c_str()) : -1;
+}
+
+std::string DecodeErrors(const std::string& path) {
+  return RunCommand("ffmpeg -nostdin -v error -i " + Quote(path) + " -f null - 2>&1").output;
+}
+
+std::vector<float> DecodeAudio(const std::string& path, int rate) {
+  const CommandResult decoded =
+      RunCommand("ffmpeg -nostdin -v error -i " + Quote(path) + " -map 0:a:0 -ac 1 -ar " +
+                 std::to_string(rate) + " -f f32le -");
+  std::vector<float> samples(decoded.output.size() / sizeof(float));
+  if (!samples.empty()) {
+    std::copy(decoded.output.data(), decoded.output.data() + samples.size() * sizeof(float),
+              reinterpret_cast<char*>(samples.data()));
+  }
+  return samples;
+}
+
+std::vector<double> FindBursts(const std::vector<float>& samples, int rate, float threshold,
+                               double quiet_s) {
+  std::vector<double> bursts;
+  const size_t window = static_cast<size_t>(rate / 1000);
+  double quiet_since = -1e9;
+  bool loud = false;
+  for (size_t start = 0; start + window <= samples.size(); start += window / 4) {
+    double energy = 0;
+    for (size_t i = start; i < start + window; ++i) energy += samples[i] * samples[i];
+    const bool now_loud = std::sqrt(energy / window) > threshold;
+    const double t = static_cast<double>(start) / rate;
+    if (now_loud && !loud && t - quiet_since >= quiet_s) bursts.push_back(t);
+    if (!now_loud && loud) quiet_since = t;
+    loud = now_loud;
+  }
+  return bursts;
+}
+
+std::vector<double> FindBrightFrames(const std::string& path, double luma) {
+  // lavfi's movie source keeps the file's timestamps; signalstats measures each frame.
+  const CommandResult stats =
+      RunCommand("ffprobe -v error -f lavfi -i " + Quote("movie=" + path + ",signalstats") +
+                 " -show_entries frame=pts_time:frame_tags=lavfi.signalstats.YAVG -of csv=p=0");
+  std::vector<double> times;
+  std::istringstream lines(stats.output);
+  std::string line;
+  while (std::getline(lines, line)) {
+    const size_t comma = line.find(',');
+    if (comma == std::string::npos) continue;
+    if (std::atof(line.c_str() + comma + 1) > luma) times.push_back(std::atof(line.c_str()));
+  }
+  return times;
+}
+
+std::string JsonField(const std::string& json, const std::string& key) {
+  const std::string needle = "\"" + key + "\": ";
+  const size_t at = json.find(needle);
+  if (at == std::string::npos) return "";
+  size_t begin = at + needle.size();
+  if (json[begin] == '"') {
+    const size_t end = json.find('"', begin + 1);
+    return json.substr(begin + 1, end - begin - 1);
+  }
+  const size_t end = json.find_first_of(",}", begin);
+  return json.substr(begin, end - begin);
+}
+
+}  // namespace tarnel_e2e

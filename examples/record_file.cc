@@ -1,17 +1,19 @@
-// Records a stream through LocalRecording the way an application does: a video thread
-// and an audio thread hand frames over as they "arrive", and the client prints what the
-// recorder reports.
+// Records H.264 video and PCM audio that an application produces itself into an MP4,
+// the way a real-time app would: a video thread and an audio thread hand frames to the
+// recorder as they "arrive", and the client prints what the recorder reports.
 //
-//   record_file [OUTPUT] [SECONDS]
+//   record_file INPUT.h264 [OUTPUT.mp4]
 //
-// The frames are synthetic: each video access unit is an Annex-B key or delta slice
-// header and the audio is a 440 Hz tone at 44.1 kHz stereo, so the recorder converts it.
-#include <atomic>
+// INPUT.h264 is a raw Annex-B H.264 stream (for example
+// `ffmpeg -i samples/sample.mp4 -c:v copy -bsf:v h264_mp4toannexb in.h264`), played at
+// 30 fps; the audio is a 440 Hz tone made here, 10 ms frames at 44.1 kHz stereo (the
+// recorder converts it to 48 kHz and encodes it to AAC).
 #include <chrono>
 #include <cmath>
 #include <condition_variable>
 #include <cstdio>
-#include <cstdlib>
+#include <fstream>
+#include <iterator>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -27,6 +29,7 @@ using tarnel::recording::LocalRecording;
 
 namespace {
 
+// Receives the recorder's reports on its worker thread.
 class PrintingClient : public LocalRecording::Client {
  public:
   void OnRecordingStarted(LocalRecording*, InternalError error) override {
@@ -37,7 +40,7 @@ class PrintingClient : public LocalRecording::Client {
     std::printf("progress: %lld ms\n", static_cast<long long>(duration_ms));
   }
   void OnRecordingSegment(LocalRecording*, const std::string& path) override {
-    std::printf("segment: %s\n", path.c_str());
+    std::printf("writing: %s\n", path.c_str());
   }
   void OnRecordingCompleted(LocalRecording*, InternalError error, int64_t duration_ms,
                             int64_t file_size) override {
@@ -66,65 +69,106 @@ class PrintingClient : public LocalRecording::Client {
   InternalError result_ = tarnel::recording::kOk;
 };
 
-std::unique_ptr<tarnel::video::VideoFrame> MakeVideo(uint64_t pts_ms, bool key) {
-  // Start code + slice NAL header (IDR or non-IDR) + a few payload bytes.
-  const uint8_t unit[] = {0, 0, 0, 1, static_cast<uint8_t>(key ? 0x65 : 0x41), 0x88, 0x84, 0x21};
-  auto frame = std::make_unique<tarnel::video::VideoFrame>();
-  frame->data = tarnel::CopyOnWriteBuffer(unit, sizeof(unit));
-  frame->pts = frame->dts = pts_ms;
-  frame->frame_type = key ? tarnel::video::kKeyFrame : tarnel::video::kDeltaFrame;
-  frame->codec_type = tarnel::video::kCodecH264;
-  frame->width = 640;
-  frame->height = 360;
-  return frame;
-}
+struct AccessUnit {
+  std::vector<uint8_t> bytes;  // Annex-B, start codes included.
+  bool key = false;
+};
 
-std::unique_ptr<tarnel::audio::AudioFrame> MakeTone(uint32_t timestamp_ms, double* phase) {
-  constexpr int kRate = 44100, kChannels = 2, kSamples = kRate / 100;  // 10 ms.
-  std::vector<int16_t> pcm(kSamples * kChannels);
-  for (int i = 0; i < kSamples; ++i) {
-    const auto value = static_cast<int16_t>(8000 * std::sin(*phase));
-    *phase += 2 * M_PI * 440 / kRate;
-    pcm[2 * i] = pcm[2 * i + 1] = value;
+// Cuts an Annex-B H.264 stream into access units: a new one begins at an access unit
+// delimiter, SPS, PPS or SEI that follows a picture, or at a slice whose
+// first_mb_in_slice is 0 (its first bit after the header is 1).
+std::vector<AccessUnit> SplitAccessUnits(const std::vector<uint8_t>& stream) {
+  std::vector<size_t> starts;  // Offsets of the start codes.
+  for (size_t i = 0; i + 3 < stream.size(); ++i) {
+    if (stream[i] == 0 && stream[i + 1] == 0 && stream[i + 2] == 1) {
+      starts.push_back(i > 0 && stream[i - 1] == 0 ? i - 1 : i);
+      i += 2;
+    }
   }
-  auto frame = std::make_unique<tarnel::audio::AudioFrame>();
-  frame->SetData(reinterpret_cast<const uint8_t*>(pcm.data()), pcm.size() * sizeof(int16_t));
-  frame->SetSampleRate(kRate);
-  frame->SetChannels(kChannels);
-  frame->SetTimestampInMs(timestamp_ms);
-  return frame;
+  std::vector<AccessUnit> units;
+  bool picture_seen = false;
+  for (size_t n = 0; n < starts.size(); ++n) {
+    const size_t begin = starts[n];
+    const size_t end = n + 1 < starts.size() ? starts[n + 1] : stream.size();
+    const size_t header = begin + (stream[begin + 2] == 1 ? 3 : 4);
+    if (header >= end) continue;
+    const int type = stream[header] & 0x1f;
+    const bool slice = type == 1 || type == 5;
+    const bool first_slice = slice && header + 1 < end && (stream[header + 1] & 0x80);
+    const bool opens_unit = (type >= 6 && type <= 9 && picture_seen) || first_slice;
+    if (units.empty() || (opens_unit && picture_seen)) {
+      units.emplace_back();
+      picture_seen = false;
+    }
+    units.back().bytes.insert(units.back().bytes.end(), stream.begin() + begin,
+                              stream.begin() + end);
+    if (type == 5) units.back().key = true;
+    if (slice) picture_seen = true;
+  }
+  return units;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  const std::string output = argc > 1 ? argv[1] : "out.mp4";
-  const int seconds = argc > 2 ? std::atoi(argv[2]) : 2;
+  if (argc < 2) {
+    std::fprintf(stderr, "usage: %s INPUT.h264 [OUTPUT.mp4]\n", argv[0]);
+    return 1;
+  }
+  std::ifstream in(argv[1], std::ios::binary);
+  const std::vector<uint8_t> stream((std::istreambuf_iterator<char>(in)),
+                                    std::istreambuf_iterator<char>());
+  const std::vector<AccessUnit> units = SplitAccessUnits(stream);
+  if (units.empty()) {
+    std::fprintf(stderr, "no H.264 access units in %s\n", argv[1]);
+    return 1;
+  }
 
   PrintingClient client;
   auto recorder = LocalRecording::Create(&client);
   if (!recorder) return 1;
 
   tarnel::recording::LocalRecordingInitialParams params;
-  params.file_path = output;
-  params.progress_interval_ms = 500;
+  params.file_path = argc > 2 ? argv[2] : "out.mp4";
+  params.progress_interval_ms = 1000;
   params.stereo_audio = true;
   recorder->Start(params);
 
-  // Live sources: 30 fps video with a key frame every second, 10 ms audio frames.
+  // The picture size the stream was encoded at; the recorder refuses a change.
+  constexpr uint32_t kWidth = 640, kHeight = 360;
   const auto begin = std::chrono::steady_clock::now();
+  const int64_t duration_ms = static_cast<int64_t>(units.size()) * 1000 / 30;
+
   std::thread video([&] {
-    for (int i = 0; i < seconds * 30; ++i) {
-      const uint64_t pts = static_cast<uint64_t>(i) * 1000 / 30;
+    for (size_t i = 0; i < units.size(); ++i) {
+      const uint64_t pts = i * 1000 / 30;
       std::this_thread::sleep_until(begin + std::chrono::milliseconds(pts));
-      recorder->WriteVideoFrame(MakeVideo(pts, i % 30 == 0));
+      auto frame = std::make_unique<tarnel::video::VideoFrame>();
+      frame->data = tarnel::CopyOnWriteBuffer(units[i].bytes.data(), units[i].bytes.size());
+      frame->pts = frame->dts = pts;
+      frame->frame_type = units[i].key ? tarnel::video::kKeyFrame : tarnel::video::kDeltaFrame;
+      frame->codec_type = tarnel::video::kCodecH264;
+      frame->width = kWidth;
+      frame->height = kHeight;
+      recorder->WriteVideoFrame(std::move(frame));  // Moved in: no copy of the bytes.
     }
   });
   std::thread audio([&] {
+    constexpr int kRate = 44100, kSamples = kRate / 100;  // 10 ms of stereo.
     double phase = 0;
-    for (int i = 0; i < seconds * 100; ++i) {
-      std::this_thread::sleep_until(begin + std::chrono::milliseconds(i * 10));
-      recorder->WriteAudioFrame(MakeTone(static_cast<uint32_t>(i * 10), &phase));
+    for (int64_t t = 0; t < duration_ms; t += 10) {
+      std::this_thread::sleep_until(begin + std::chrono::milliseconds(t));
+      std::vector<int16_t> pcm(kSamples * 2);
+      for (int i = 0; i < kSamples; ++i) {
+        pcm[2 * i] = pcm[2 * i + 1] = static_cast<int16_t>(6000 * std::sin(phase));
+        phase += 2 * M_PI * 440 / kRate;
+      }
+      auto frame = std::make_unique<tarnel::audio::AudioFrame>();
+      frame->SetData(reinterpret_cast<const uint8_t*>(pcm.data()), pcm.size() * sizeof(int16_t));
+      frame->SetSampleRate(kRate);
+      frame->SetChannels(2);
+      frame->SetTimestampInMs(static_cast<uint32_t>(t));
+      recorder->WriteAudioFrame(std::move(frame));
     }
   });
   video.join();
@@ -132,7 +176,6 @@ int main(int argc, char** argv) {
 
   recorder->Stop();
   const InternalError result = client.WaitForEnd();
-  recorder = nullptr;
-  std::printf("result: %s\n", InternalErrorToString(result).c_str());
-  return 0;
+  recorder = nullptr;  // Released here, never inside a callback.
+  return result == tarnel::recording::kOk ? 0 : 2;
 }

@@ -88,7 +88,9 @@ tarnel::recording::LocalRecordingInitialParams MkvParams() {
 // hands frames over. Frames are made with the timer paused.
 void BM_CallerWriteVideoFrame(benchmark::State& state) {
   tarnel::extensions::local_recording::ScopedWriterBackendFactoryForTesting discard(
-      [](LocalRecordingSegmentationWriter::Client*) { return std::make_unique<DiscardingWriter>(); });
+      [](LocalRecordingSegmentationWriter::Client*) {
+        return std::make_unique<DiscardingWriter>();
+      });
   SilentClient client;
   auto recorder = LocalRecording::Create(&client);
   recorder->Start(MkvParams());
@@ -107,7 +109,9 @@ BENCHMARK(BM_CallerWriteVideoFrame);
 
 void BM_CallerWriteAudioFrame(benchmark::State& state) {
   tarnel::extensions::local_recording::ScopedWriterBackendFactoryForTesting discard(
-      [](LocalRecordingSegmentationWriter::Client*) { return std::make_unique<DiscardingWriter>(); });
+      [](LocalRecordingSegmentationWriter::Client*) {
+        return std::make_unique<DiscardingWriter>();
+      });
   SilentClient client;
   auto recorder = LocalRecording::Create(&client);
   recorder->Start(MkvParams());
@@ -131,7 +135,9 @@ void BM_WorkerIntakeAndWrite(benchmark::State& state) {
   tarn_base::SimulatedClock clock;
   tarn_base::ScopedTickClockOverrideForTesting use_clock(&clock);
   tarnel::extensions::local_recording::ScopedWriterBackendFactoryForTesting discard(
-      [](LocalRecordingSegmentationWriter::Client*) { return std::make_unique<DiscardingWriter>(); });
+      [](LocalRecordingSegmentationWriter::Client*) {
+        return std::make_unique<DiscardingWriter>();
+      });
   SilentClient client;
   auto recorder = LocalRecording::Create(&client);
   recorder->Start(MkvParams());

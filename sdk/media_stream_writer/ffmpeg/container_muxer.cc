@@ -199,10 +199,10 @@ bool ContainerMuxer::WriteHeader() {
     case kMp4:
     case kM4a:
       av_dict_set(&options, "movflags", "empty_moov+delay_moov+default_base_moof+frag_keyframe", 0);
-      av_dict_set(&options, "frag_duration", "500000", 0);  // us
+      av_dict_set(&options, "frag_duration", "250000", 0);  // us
       break;
     case kMkv:
-      av_dict_set(&options, "cluster_time_limit", "500", 0);      // ms
+      av_dict_set(&options, "cluster_time_limit", "250", 0);      // ms
       av_dict_set(&options, "cluster_size_limit", "2097152", 0);  // bytes
       break;
     case kWav:

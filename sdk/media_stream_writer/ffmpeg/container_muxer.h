@@ -8,11 +8,11 @@
 //
 // Layout choices, all for files that play after a crash at any point:
 //  - MP4/M4A are fragmented (empty_moov + delay_moov + default_base_moof, fragments of
-//    at most 500 ms, also cut at video key frames). delay_moov makes FFmpeg write the
-//    moov when the first fragment is cut, once every track's first timestamp is known,
-//    so the audio edit list that hides the AAC priming is in it; we cut that first
-//    fragment as soon as every stream has a packet. The trailer adds the mfra index.
-//  - Matroska closes a cluster every 500 ms; FFmpeg only emits whole clusters.
+//    at most 250 ms, also cut at video key frames). delay_moov makes FFmpeg write the
+//    moov when the first fragment is cut, once every track's first timestamp is known
+//    (an edit list for a track that starts late is in it); we cut that first fragment
+//    as soon as every stream has a packet. The trailer adds the mfra index.
+//  - Matroska closes a cluster every 250 ms; FFmpeg only emits whole clusters.
 //  - WAV keeps FFmpeg's 0xFFFFFFFF size placeholders until the trailer: readers take
 //    them as "to the end of the file".
 //  - ADTS frames stand alone.

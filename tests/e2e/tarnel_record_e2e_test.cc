@@ -168,6 +168,21 @@ TEST_F(TarnelRecordTest, SourcePauseIsFilledWithSilence) {
   EXPECT_GT(silent_ms, 500);
 }
 
+TEST_F(TarnelRecordTest, FullDiskEndsTheRecordingAndKeepsWhatWasWritten) {
+  // A 300 KiB file-size limit with SIGXFSZ ignored: writes past it fail as on a full
+  // disk. The recording must end with one completion, and the part before must play.
+  const std::string out = Output("full.mp4");
+  const CommandResult run =
+      RunCommand("bash -c " + Quote("trap '' XFSZ; ulimit -f 300; exec " + kTool +
+                                    " --json --fast -i " + Quote(kSample) + " -o " + Quote(out)));
+  EXPECT_EQ(run.exit_code, 2) << run.output;
+  EXPECT_EQ(JsonField(run.output, "result"), "StreamWriterFailed");
+  const auto streams = ProbeStreams(out);
+  ASSERT_EQ(streams.size(), 2u);
+  EXPECT_GT(std::stoi(streams[0].at("nb_read_frames")), 30);
+  EXPECT_EQ(DecodeErrors(out), "");
+}
+
 TEST_F(TarnelRecordTest, RefusalsEndWithTheirCodeAndLeaveNoFile) {
   const std::string existing = Output("exists.mp4");
   ASSERT_TRUE(tarn_base::WriteFile(tarn_base::FilePath(existing), "x"));

@@ -1,5 +1,6 @@
 #include "tests/support/e2e_util.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -55,6 +56,36 @@ double ProbeDuration(const std::string& path) {
   const CommandResult probe =
       RunCommand("ffprobe -v error -show_entries format=duration -of csv=p=0 " + Quote(path));
   return probe.exit_code == 0 && !probe.output.empty() ? std::atof(probe.output.c_str()) : -1;
+}
+
+std::vector<ProbedPacket> ProbePackets(const std::string& path, const std::string& stream) {
+  std::istringstream lines(RunCommand("ffprobe -v error -select_streams " + stream +
+                                      " -show_entries packet=pts,dts,flags -of csv=p=0 " +
+                                      Quote(path))
+                               .output);
+  std::vector<ProbedPacket> packets;
+  long long pts, dts;
+  char flag;
+  for (std::string line; std::getline(lines, line);) {
+    if (std::sscanf(line.c_str(), "%lld,%lld,%c", &pts, &dts, &flag) == 3) {
+      packets.push_back({pts, dts, flag == 'K'});
+    }
+  }
+  return packets;
+}
+
+std::string ProbeExtradataHex(const std::string& path, int index) {
+  // A dump of lines "00000000: 0164 000b ...  .d..": 16 bytes in hex, then as text.
+  std::istringstream lines(
+      RunCommand("ffprobe -v error -select_streams " + std::to_string(index) +
+                 " -show_entries stream=extradata -show_data -of default=nw=1:nk=1 " + Quote(path))
+          .output);
+  std::string hex;
+  for (std::string line; std::getline(lines, line);) {
+    if (line.size() > 10 && line.compare(8, 2, ": ") == 0) hex += line.substr(10, 39);
+  }
+  hex.erase(std::remove(hex.begin(), hex.end(), ' '), hex.end());
+  return hex;
 }
 
 std::string DecodeErrors(const std::string& path) {

@@ -26,6 +26,16 @@ std::string Quote(const std::string& text);
 std::vector<std::map<std::string, std::string>> ProbeStreams(const std::string& path);
 // Format-level duration in seconds, or -1.
 double ProbeDuration(const std::string& path);
+// The packets of one stream (ffprobe's -select_streams, e.g. "a:0"): pts and dts in the
+// stream's time base, and the key flag.
+struct ProbedPacket {
+  int64_t pts = 0;
+  int64_t dts = 0;
+  bool key = false;
+};
+std::vector<ProbedPacket> ProbePackets(const std::string& path, const std::string& stream);
+// The codec extradata of stream `index` as lowercase hex; empty when there is none.
+std::string ProbeExtradataHex(const std::string& path, int index);
 // Everything `ffmpeg -v error` prints while decoding the whole file; empty when clean.
 std::string DecodeErrors(const std::string& path);
 

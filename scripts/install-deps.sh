@@ -8,6 +8,7 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
   libavformat-dev libavcodec-dev libavutil-dev libswresample-dev
   ffmpeg
+  clang libclang-rt-14-dev  # scripts/run-fuzzers.sh: libFuzzer and the sanitizers
 )
 
 missing=()

@@ -37,6 +37,10 @@ constexpr int64_t kEncodeIntervalMs = 100;
 constexpr float kAudioLeadMs = 200.0f;
 // A gap of this many frame lengths or more is filled with silence.
 constexpr float kMutedFrameGapInFrames = 5.0f;
+// The longest silence put in front of audio that starts after the first picture. Audio
+// that starts later comes from a clock that disagrees with the video's; filling that
+// gap would only exhaust memory (one frame per frame length, up to 2^32 ms).
+constexpr int64_t kMaxLeadInSilenceMs = 60000;
 // Frames written to the ring buffer between two encoding runs while the cached audio
 // is moved at the muxer start.
 constexpr int kFramesPerEncodeRun = 30;
@@ -598,6 +602,11 @@ void LocalRecordingImpl::FrameAlignByTimestamp() {
   RLOG(LS_INFO) << "fill_muted_frame_interval:" << interval;
   const int64_t delta = a - v;
   if (delta < interval) return;
+  if (delta > kMaxLeadInSilenceMs) {
+    RLOG(LS_WARNING) << "audio starts " << delta
+                     << " ms after the first picture, too late for a muted lead-in";
+    return;
+  }
   if (!muted_frame_) GenerateMutedFrame();
   const std::optional<float> muted_length = UsableMutedFrameSizeInMs();
   if (!muted_length) return;

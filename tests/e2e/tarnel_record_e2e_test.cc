@@ -168,6 +168,18 @@ TEST_F(TarnelRecordTest, SourcePauseIsFilledWithSilence) {
   EXPECT_GT(silent_ms, 500);
 }
 
+TEST_F(TarnelRecordTest, FastFeedingOfOneStreamDoesNotStall) {
+  // More frames than a feeding queue holds, and no video at all: --fast must not wait
+  // for the stream that never comes.
+  const std::string wav = Output("long.wav");
+  ASSERT_EQ(RunCommand("ffmpeg -nostdin -v error -f lavfi -i sine=d=15 " + Quote(wav)).exit_code,
+            0);
+  const CommandResult run = RunCommand("timeout 60 " + kTool + " --json --fast -i " + Quote(wav) +
+                                       " -o " + Quote(Output("long.m4a")));
+  ASSERT_EQ(run.exit_code, 0) << run.output;
+  EXPECT_NEAR(DecodeAudio(Output("long.m4a"), 48000).size() / 48000.0, 15.0, 0.1);
+}
+
 TEST_F(TarnelRecordTest, FullDiskEndsTheRecordingAndKeepsWhatWasWritten) {
   // A 300 KiB file-size limit with SIGXFSZ ignored: writes past it fail as on a full
   // disk. The recording must end with one completion, and the part before must play.

@@ -80,6 +80,17 @@ class FrameQueue {
     *time_ms = frames_.front().time_ms;
     return true;
   }
+  // Without waiting: whether a frame is there (and its time), and whether the queue can
+  // still get one or is full.
+  enum class State { kFrame, kWaiting, kFull, kEnded };
+  State Peek(int64_t* time_ms) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (cancelled_ || (frames_.empty() && closed_)) return State::kEnded;
+    if (frames_.empty()) return State::kWaiting;
+    *time_ms = frames_.front().time_ms;
+    return frames_.size() >= kQueueCapacity ? State::kFull : State::kFrame;
+  }
+
   bool Pop(SourceFrame* frame) {
     int64_t unused;
     if (!PeekTime(&unused)) return false;
@@ -381,10 +392,22 @@ int Run(const Options& options) {
     // One thread, both streams merged by time, never far ahead of the writer.
     threads.emplace_back([&] {
       while (keep_going()) {
+        // Merge by time. A stream that has nothing yet is waited for, unless the other
+        // one's queue is full: the demuxer is then blocked on it, and the missing stream
+        // lies further on in the input (or has ended early).
         int64_t video_time = 0, audio_time = 0;
-        const bool has_video = video_queue.PeekTime(&video_time);
-        const bool has_audio = audio_queue.PeekTime(&audio_time);
-        if (!has_video && !has_audio) break;
+        const FrameQueue::State video = video_queue.Peek(&video_time);
+        const FrameQueue::State audio = audio_queue.Peek(&audio_time);
+        using State = FrameQueue::State;
+        const bool has_video = video == State::kFrame || video == State::kFull;
+        const bool has_audio = audio == State::kFrame || audio == State::kFull;
+        if (!has_video && !has_audio && video == State::kEnded && audio == State::kEnded) break;
+        const bool must_wait = (video == State::kWaiting && audio != State::kFull) ||
+                               (audio == State::kWaiting && video != State::kFull);
+        if (must_wait) {
+          std::this_thread::sleep_for(std::chrono::milliseconds(1));
+          continue;
+        }
         const bool take_video = has_video && (!has_audio || video_time <= audio_time);
         const int64_t time = take_video ? video_time : audio_time;
         while (keep_going() && time - client.recorded_ms() > kFastLeadMs) {

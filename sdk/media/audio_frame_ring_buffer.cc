@@ -45,6 +45,8 @@ void AudioFrameRingBuffer::Append(std::vector<uint8_t> bytes, const AudioFrame& 
   chunk.channels = source.channels_;
   chunk.format = source.format_;
   chunk.timestamp_ms = source.timestamp_ms_;
+  end_timestamp_ms_ =
+      chunk.timestamp_ms + BytesToMs(chunk.bytes.size(), chunk.sample_rate, chunk.channels);
   chunks_.push_back(std::move(chunk));
 }
 

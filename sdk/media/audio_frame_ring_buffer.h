@@ -38,6 +38,10 @@ class AudioFrameRingBuffer {
 
   int32_t GetSizeInBytes() const { return size_in_bytes_; }
 
+  // The time (ms, input timeline) at which the last byte written ends: where audio that
+  // continues the queue begins. 0 before the first write.
+  uint32_t GetEndTimestampInMs() const { return end_timestamp_ms_; }
+
  private:
   // Queues `bytes` with the format and timestamp of `source`.
   void Append(std::vector<uint8_t> bytes, const AudioFrame& source);
@@ -54,6 +58,7 @@ class AudioFrameRingBuffer {
   };
   std::deque<Chunk> chunks_;
   int32_t size_in_bytes_ = 0;
+  uint32_t end_timestamp_ms_ = 0;
 };
 
 }  // namespace audio

@@ -4,6 +4,7 @@
 #include <cassert>
 #include <cmath>
 #include <utility>
+#include <vector>
 
 #include "sdk/base/callback.h"
 #include "sdk/base/explicit_zero_memory.h"
@@ -262,7 +263,10 @@ bool LocalRecordingImpl::FlushRemainingData() {
     }
   }
   audio_frame_cache_.clear();
-  if (audio_ring_buffer_ && !EncodeAudioFrame()) return false;
+  if (audio_ring_buffer_) {
+    QueueEncoderDrain();
+    if (!EncodeAudioFrame()) return false;
+  }
   return DoProcess(/*flush=*/true);
 }
 
@@ -766,6 +770,26 @@ bool LocalRecordingImpl::EncodeAudioFrame() {
     audio_mux_cache_[key] = std::make_unique<audio::AudioFrame>(encoded->Clone());
   }
   return true;
+}
+
+void LocalRecordingImpl::QueueEncoderDrain() {
+  // An encoder without priming gives out everything it is given: nothing to drain.
+  const int32_t priming = aac_encoder_->GetPrimingSamples();
+  const int32_t input_size = aac_encoder_->GetInputSizeInBytes();
+  const int32_t channels = aac_encoder_->GetChannels();
+  if (priming <= 0 || input_size <= 0 || channels <= 0) return;
+  // Complete the last piece, then push `priming` more samples through: the encoder's
+  // last packets then carry the last input samples. What follows them in those packets
+  // is silence.
+  const int32_t held = audio_ring_buffer_->GetSizeInBytes();
+  const int32_t bytes = (input_size - held % input_size) % input_size + priming * channels * 2;
+  audio::AudioFrame silence;
+  const std::vector<uint8_t> zeros(static_cast<size_t>(bytes), 0);
+  silence.SetData(zeros.data(), zeros.size());
+  silence.SetSampleRate(aac_encoder_->GetSampleRate());
+  silence.SetChannels(channels);
+  silence.SetTimestampInMs(audio_ring_buffer_->GetEndTimestampInMs());
+  audio_ring_buffer_->Write(silence);
 }
 
 void LocalRecordingImpl::GenerateMutedFrame() {

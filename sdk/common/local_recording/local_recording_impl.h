@@ -109,6 +109,9 @@ class LocalRecordingImpl
 
   // Audio encoding and muted frames.
   bool EncodeAudioFrame();
+  // At stop: queues silence behind the last audio so that an encoder that lags its
+  // input (priming) gives out the packets that carry the end of the recording.
+  void QueueEncoderDrain();
   void GenerateMutedFrame();
   void StartAudioProcessTimer();
   void EncodeAudioFrameOnTimer();

@@ -9,6 +9,7 @@
 #ifndef TESTS_SUPPORT_RECORDING_FAKES_H_
 #define TESTS_SUPPORT_RECORDING_FAKES_H_
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -33,32 +34,37 @@ struct ClientEvent {
   InternalError error = tarnel::recording::kOk;
   int64_t duration_ms = 0;
   int64_t file_size = 0;
-  std::string path;
+  std::string path = "";
 };
 
 class RecordingClient : public LocalRecording::Client {
  public:
-  void OnRecordingStarted(LocalRecording* recorder, InternalError error) override;
-  void OnRecordingProgress(LocalRecording* recorder, int64_t duration_ms) override;
-  void OnRecordingSegment(LocalRecording* recorder, const std::string& path) override;
-  void OnRecordingCompleted(LocalRecording* recorder, InternalError error, int64_t duration_ms,
-                            int64_t file_size) override;
+  void OnRecordingStarted(LocalRecording*, InternalError error) override {
+    Add({ClientEvent::kStarted, error});
+  }
+  void OnRecordingProgress(LocalRecording*, int64_t duration_ms) override {
+    Add({ClientEvent::kProgress, tarnel::recording::kOk, duration_ms});
+  }
+  void OnRecordingSegment(LocalRecording*, const std::string& path) override {
+    Add({ClientEvent::kSegment, tarnel::recording::kOk, 0, 0, path});
+  }
+  void OnRecordingCompleted(LocalRecording*, InternalError error, int64_t duration_ms,
+                            int64_t file_size) override {
+    Add({ClientEvent::kCompleted, error, duration_ms, file_size});
+  }
 
   std::vector<ClientEvent> events() const;
   std::vector<ClientEvent> EventsOf(ClientEvent::Kind kind) const;
   // The error codes of the OnRecordingStarted / OnRecordingCompleted calls, in order.
-  std::vector<InternalError> StartResults() const;
-  std::vector<InternalError> CompletionResults() const;
-
-  // Runs inside every callback, on the calling thread, after the event is recorded.
-  void set_on_event(std::function<void(const ClientEvent&)> hook) { on_event_ = std::move(hook); }
+  std::vector<InternalError> StartResults() const { return ErrorsOf(ClientEvent::kStarted); }
+  std::vector<InternalError> CompletionResults() const { return ErrorsOf(ClientEvent::kCompleted); }
 
  private:
   void Add(ClientEvent event);
+  std::vector<InternalError> ErrorsOf(ClientEvent::Kind kind) const;
 
   mutable std::mutex mutex_;
   std::vector<ClientEvent> events_;
-  std::function<void(const ClientEvent&)> on_event_;
 };
 
 // One packet as the fake writer received it.
@@ -67,12 +73,11 @@ struct WrittenPacket {
   int64_t pts = 0;  // Video pts, or the audio timestamp.
   int64_t dts = 0;
   tarnel::audio::AudioCodecFormat audio_format = tarnel::audio::kPcm;
-  uint64_t size = 0;
   bool silent = false;  // Every byte zero.
 };
 
 // Everything the fake writers of one FakeWriterFactory saw. Shared with the writers so
-// it outlives them.
+// it outlives them; the writers lock `mutex`, so several recorders may share it.
 struct FakeWriterState {
   // Results the fakes give; may be changed between calls (on the recorder's thread).
   int start_result = 0;
@@ -80,15 +85,11 @@ struct FakeWriterState {
   // Result of the n-th write (0-based, both streams counted together).
   std::function<int(size_t index)> write_result = [](size_t) { return 1; };
 
+  std::mutex mutex;
   int constructed = 0;
   int destroyed = 0;
   std::vector<std::string> calls;  // "SetVideoMetaData", "Start", "WriteVideoPacket", ...
   std::vector<tarnel::media_stream_writer::VideoMetadata> video_metadata;
-  std::vector<tarnel::audio::AudioMetadata> audio_metadata;
-  std::string start_path;
-  uint32_t start_format = 0;
-  uint32_t start_type = 0;
-  int start_segment_interval = 0;
   std::vector<WrittenPacket> packets;
 
   // The client the recorder handed to the last writer, for segment notices.
@@ -96,11 +97,10 @@ struct FakeWriterState {
 };
 
 // While alive, every LocalRecordingSegmentationWriter gets a fake backend reporting to
-// state(). Read state() only while the recorder's thread is idle.
+// state(). Read state() only while the recorders' threads are idle.
 class FakeWriterFactory {
  public:
   FakeWriterFactory();
-  ~FakeWriterFactory();
   FakeWriterState& state() { return *state_; }
 
  private:
@@ -119,18 +119,17 @@ struct FakeEncoderState {
   int created = 0;
   std::vector<tarnel::audio::AudioEncodeParams> init_params;
   int encode_calls = 0;
-  std::vector<uint32_t> input_timestamps;
 };
 
 class FakeEncoderFactory : public tarnel::audio::AudioEncoderFactory2 {
  public:
-  FakeEncoderFactory();  // Installs itself as the process-wide factory.
-  ~FakeEncoderFactory() override;
+  FakeEncoderFactory() { SetInstanceForTesting(this); }
+  ~FakeEncoderFactory() override { SetInstanceForTesting(nullptr); }
   std::unique_ptr<tarnel::audio::AudioEncoder> CreateAudioEncoder(int type) override;
   FakeEncoderState& state() { return *state_; }
 
  private:
-  std::shared_ptr<FakeEncoderState> state_;
+  std::shared_ptr<FakeEncoderState> state_ = std::make_shared<FakeEncoderState>();
 };
 
 // A resampler double that converts by nearest-sample picking and channel copying, so
@@ -139,17 +138,16 @@ class FakeResamplerScope {
  public:
   FakeResamplerScope();
   ~FakeResamplerScope();
-  static int configure_calls();
+  static inline std::atomic<int> configure_calls{0};
 };
 
 // Builders.
 std::unique_ptr<tarnel::video::VideoFrame> MakeVideoFrame(uint64_t pts, bool key,
                                                           uint32_t width = 640,
                                                           uint32_t height = 360, int32_t codec = 0);
-// `duration_ms` of PCM at `sample_rate`/`channels`, all samples `value`.
+// `duration_ms` of PCM at `sample_rate`/`channels`, every sample 1000.
 std::unique_ptr<tarnel::audio::AudioFrame> MakePcmFrame(uint32_t timestamp_ms, int duration_ms,
-                                                        int sample_rate = 48000, int channels = 1,
-                                                        int16_t value = 1000);
+                                                        int sample_rate = 48000, int channels = 1);
 std::unique_ptr<tarnel::audio::AudioFrame> MakeAacFrame(uint32_t timestamp_ms,
                                                         int sample_rate = 48000, int channels = 2);
 

@@ -1,7 +1,9 @@
 // Frame intake: the checks that end a recording, the bounds on the caches while the
 // muxer waits, the encoder set-up and the stream metadata.
-#include <functional>
+#include <algorithm>
 #include <string>
+#include <tuple>
+#include <utility>
 #include <vector>
 
 #include "tests/common/local_recording/recorder_fixture.h"
@@ -12,20 +14,8 @@ namespace {
 
 using media_stream_writer::kMkv;
 using media_stream_writer::kMp4;
-using tarnel_test::ClientEvent;
 
-class LocalRecordingIntakeTest : public tarnel_test::RecorderFixture {
- protected:
-  // The last error line before "recording failed: ...", and the completion code.
-  void ExpectEndedWith(InternalError error, const std::string& cause) {
-    ASSERT_FALSE(client_.CompletionResults().empty());
-    EXPECT_EQ(client_.CompletionResults().back(), error);
-    const std::vector<std::string> errors = logs_.MessagesAtLeast(tarn_logging::LS_ERROR);
-    ASSERT_GE(errors.size(), 2u);
-    EXPECT_EQ(errors[errors.size() - 2], cause);
-    EXPECT_EQ(errors.back(), "recording failed: " + InternalErrorToString(error));
-  }
-};
+class LocalRecordingIntakeTest : public tarnel_test::RecorderFixture {};
 
 TEST_F(LocalRecordingIntakeTest, CallerSideChecksRefuseUnusableFrames) {
   StartRecording(MakeParams(kMkv, kAudioAndVideo));
@@ -50,46 +40,28 @@ TEST_F(LocalRecordingIntakeTest, CallerSideChecksRefuseUnusableFrames) {
 }
 
 TEST_F(LocalRecordingIntakeTest, VideoTimestampAndFormatErrorsEndTheRecording) {
-  struct Case {
-    const char* name;
-    std::function<void()> feed;
-    InternalError error;
-    const char* cause;
+  struct Frame {
+    uint64_t pts;
+    bool key;
+    uint32_t width = 640;
+    int32_t reference_mode = video::kReferenceModeNormal;
   };
-  const Case kCases[] = {
-      {"far-back delta frame",
-       [this] {
-         Video(2000000, true);
-         Video(2000000 - 1000001);
-       },
-       kInvalidTimestamp, "video timestamp wrapped pts:999999, last arriving pts:2000000"},
-      {"key frame going back",
-       [this] {
-         Video(1000, true);
-         Video(999, true);
-       },
-       kInvalidTimestamp,
-       "video timestamp invalid and is key frame pts:999, last arriving pts:1000"},
-      {"resolution change",
-       [this] {
-         Video(0, true, 640, 360);
-         Video(33, false, 641, 360);
-       },
-       kResolutionChanged, "resolution changed to 641, 360"},
-      {"reference picture selection on the first frame",
-       [this] {
-         auto frame = tarnel_test::MakeVideoFrame(0, true);
-         frame->reference_mode = 12;
-         recorder_->WriteVideoFrame(std::move(frame));
-       },
-       kUnsupportedRpsMode, "video do not supports rps mode"},
-  };
-  for (const Case& c : kCases) {
-    SCOPED_TRACE(c.name);
+  for (const auto& [frames, error, cause] :
+       std::vector<std::tuple<std::vector<Frame>, InternalError, const char*>>{
+           {{{2000000, true}, {2000000 - 1000001, false}},
+            kInvalidTimestamp,
+            "video timestamp wrapped pts:999999, last arriving pts:2000000"},
+           {{{1000, true}, {999, true}},
+            kInvalidTimestamp,
+            "video timestamp invalid and is key frame pts:999, last arriving pts:1000"},
+           {{{0, true}, {33, false, 641}}, kResolutionChanged, "resolution changed to 641, 360"},
+           {{{0, true, 640, 12}}, kUnsupportedRpsMode, "video do not supports rps mode"},
+       }) {
+    SCOPED_TRACE(cause);
     StartRecording(MakeParams(kMkv, kVideoOnly));
-    c.feed();
+    for (const Frame& f : frames) Video(f.pts, f.key, f.width, f.reference_mode);
     Idle();
-    ExpectEndedWith(c.error, c.cause);
+    ExpectEndedWith(error, cause);
     // Ended: later frames are ignored and a stop says nothing more.
     const size_t completions = client_.CompletionResults().size();
     Video(5000000, true);
@@ -98,106 +70,72 @@ TEST_F(LocalRecordingIntakeTest, VideoTimestampAndFormatErrorsEndTheRecording) {
   }
 }
 
-TEST_F(LocalRecordingIntakeTest, LateVideoFramesAreDroppedAndEqualPtsReplaces) {
-  StartRecording(MakeParams(kMkv, kVideoOnly));
-  Video(1000000, true);
-  Video(1000000 + 40);
-  Video(40);  // 1000000 ms behind the last frame: a late frame, dropped silently.
-  Video(1000000 + 40, false, 640, 360);  // Same pts: replaces the cached frame.
-  auto other = tarnel_test::MakeVideoFrame(1000000 + 80, false);
-  other->reference_mode = 10;  // Not a reference-picture-selection mode.
-  recorder_->WriteVideoFrame(std::move(other));
-  StopRecording();
-  EXPECT_EQ(WriteOrder(), "V0 V40 V80");
-  EXPECT_EQ(client_.CompletionResults(), std::vector<InternalError>{kOk});
-}
-
 TEST_F(LocalRecordingIntakeTest, AudioTimestampsAreRepairedOrRefused) {
   // Repairs: a zero timestamp continues the last frame, an equal one moves 1 ms on, and
   // a jump of exactly 5000 ms passes while the input cache holds audio.
   StartRecording(MakeParams(kMkv, kAudioAndVideo));
-  Pcm(1000);
-  Pcm(0);
-  Pcm(1020);
-  Pcm(6021);
+  for (uint32_t t : {1000, 0, 1020, 6021}) Pcm(t);
   Video(1000, true);
   StopRecording();
-  EXPECT_EQ(Timestamps(AudioPackets()), (std::vector<int64_t>{0, 20, 21, 5021}));
+  EXPECT_EQ(AudioTimestamps(), (std::vector<int64_t>{0, 20, 21, 5021}));
 
-  StartRecording(MakeParams(kMkv, kAudioAndVideo));
-  Pcm(1000);
-  Pcm(6001);
-  Idle();
-  ExpectEndedWith(kInvalidTimestamp, "audio time stamp increased too fast 6001, 1000");
-
-  StartRecording(MakeParams(kMkv, kAudioAndVideo));
-  Pcm(2000000);
-  Pcm(1000000);  // Exactly 1000000 back: accepted and the new reference.
-  Pcm(1);        // 999999 back from it: accepted too.
-  Pcm(1000002);  // Forward again, but more than 5000 ms: refused.
-  Idle();
-  ExpectEndedWith(kInvalidTimestamp, "audio time stamp increased too fast 1000002, 1");
-
-  StartRecording(MakeParams(kMkv, kAudioAndVideo));
-  Pcm(2000000);
-  Pcm(999999);
-  Idle();
-  ExpectEndedWith(kInvalidTimestamp, "audio time stamp wrapped, 999999, 2000000");
+  for (const auto& [timestamps, cause] : std::vector<std::pair<std::vector<uint32_t>, const char*>>{
+           {{1000, 6001}, "audio time stamp increased too fast 6001, 1000"},
+           // 1000000 back is accepted and the new reference, 999999 back from it too.
+           {{2000000, 1000000, 1, 1000002}, "audio time stamp increased too fast 1000002, 1"},
+           {{2000000, 999999}, "audio time stamp wrapped, 999999, 2000000"},
+       }) {
+    SCOPED_TRACE(cause);
+    StartRecording(MakeParams(kMkv, kAudioAndVideo));
+    for (uint32_t t : timestamps) Pcm(t);
+    Idle();
+    ExpectEndedWith(kInvalidTimestamp, cause);
+  }
 }
 
 TEST_F(LocalRecordingIntakeTest, CachesAreBoundedWhileWaitingForTheOtherStream) {
   StartRecording(MakeParams(kMkv, kAudioAndVideo));
   Video(0, true);
   Video(10);
-  Video(20, true);  // A new key frame before the muxer starts empties the cache.
-  for (int i = 3; i <= 102; ++i) Video(static_cast<uint64_t>(i * 10));  // 101 frames.
+  VideoRun(20, 101, 10);  // A new key frame before the muxer starts empties the cache.
   Idle();
   EXPECT_TRUE(logs_.Contains(
       "No audio frame was received and video frame cache is exceeded 100, clear video frame "
       "cache."));
-  Video(1030);                  // Waits for a key frame again.
-  Video(1040, true, 320, 240);  // Which may come with a new picture size.
+  Video(1030);             // Waits for a key frame again.
+  Video(1040, true, 320);  // Which may come with a new picture size.
   Aac(1040);
   StopRecording();
-  EXPECT_EQ(WriteOrder(), "V0 A0");
-  EXPECT_EQ(client_.CompletionResults(), std::vector<InternalError>{kOk});
+  // 102 audio frames without video: the cache starts over at the 102nd.
+  StartRecording(MakeParams(kMkv, kAudioAndVideo));
+  PcmRun(0, 2040, 0);
+  Video(2020, true);
+  StopRecording();
+  EXPECT_EQ(WriteOrder(), "V0 A0 V0 A0");
+  EXPECT_EQ(client_.CompletionResults(), (std::vector<InternalError>{kOk, kOk}));
 
-  // 101 PCM frames without video: the input cache starts over, and so does the encoder.
+  // In MP4 the encoder starts over with it.
   StartRecording(MakeParams(kMp4, kAudioAndVideo));
-  for (int i = 0; i <= 100; ++i) Pcm(static_cast<uint32_t>(i * 20));
-  Pcm(2020);
+  PcmRun(0, 2040, 0);
   Idle();
   EXPECT_EQ(encoders_.state().created, 2);
-  int first_frame_logs = 0;
-  for (const auto& message : logs_.MessagesAtLeast(tarn_logging::LS_INFO)) {
-    if (message.rfind("receive first audio frame, sample rate:48000", 0) == 0) ++first_frame_logs;
-  }
-  EXPECT_EQ(first_frame_logs, 3);  // One from the first recording, two here.
-  StopRecording();
 }
 
 TEST_F(LocalRecordingIntakeTest, EncoderFailuresEndTheRecording) {
-  encoders_.state().create_returns_null = true;
-  StartRecording(MakeParams(kMp4, kAudioOnly));
-  Pcm(0);
-  Idle();
-  ExpectEndedWith(kAudioEncoderFailed, "create aac encoder failed");
-
-  encoders_.state().create_returns_null = false;
-  encoders_.state().init_result = false;
-  StartRecording(MakeParams(kMp4, kAudioOnly));
-  Pcm(0);
-  Idle();
-  ExpectEndedWith(kAudioEncoderFailed, "init aac encoder failed, 48000, 16, 1");
-
-  encoders_.state().init_result = true;
-  encoders_.state().fail_encode_at = encoders_.state().encode_calls + 2;
-  StartRecording(MakeParams(kMp4, kAudioOnly));
-  for (int i = 0; i < 20; ++i) {
-    Pcm(static_cast<uint32_t>(i * 20));
-    Advance(20);
+  tarnel_test::FakeEncoderState& encoder = encoders_.state();
+  for (const auto& [create_returns_null, init_result, fail_encode_at, cause] :
+       std::vector<std::tuple<bool, bool, int, const char*>>{
+           {true, true, -1, "create aac encoder failed"},
+           {false, false, -1, "init aac encoder failed, 48000, 16, 1"},
+           {false, true, 2, nullptr},  // The third Encode call fails.
+       }) {
+    encoder.create_returns_null = create_returns_null;
+    encoder.init_result = init_result;
+    encoder.fail_encode_at = fail_encode_at;
+    StartRecording(MakeParams(kMp4, kAudioOnly));
+    PcmRun(0, 400);
+    ExpectEndedWith(kAudioEncoderFailed, cause);
   }
-  EXPECT_EQ(client_.CompletionResults().back(), kAudioEncoderFailed);
   EXPECT_EQ(client_.CompletionResults().size(), 3u);
 }
 
@@ -209,58 +147,47 @@ TEST_F(LocalRecordingIntakeTest, Mp4SendsTheParameterSetsOfTheFirstKeyFrame) {
                            0, 0, 1, 0x42, 0x01, 0x01,                   // SPS
                            0, 0, 1, 0x44, 0x01, 0xc1,                   // PPS
                            0, 0, 1, 0x26, 0x01, 0xaf};                  // IDR slice
-  struct Case {
-    const uint8_t* bytes;
-    size_t size;
-    int32_t codec;
-  } const kCases[] = {{kAvc, sizeof(kAvc), 0}, {kHevc, sizeof(kHevc), 1}, {kAvc, sizeof(kAvc), 7}};
-  for (const Case& c : kCases) {
+  const CopyOnWriteBuffer kNone;
+  int recordings = 0;
+  for (const auto& [bytes, codec, vps, sps, pps] :
+       std::vector<std::tuple<CopyOnWriteBuffer, int32_t, CopyOnWriteBuffer, CopyOnWriteBuffer,
+                              CopyOnWriteBuffer>>{
+           {{kAvc, sizeof(kAvc)}, 0, kNone, {kAvc + 4, 5}, {kAvc + 12, 4}},
+           {{kHevc, sizeof(kHevc)}, 1, {kHevc + 4, 3}, {kHevc + 10, 3}, {kHevc + 16, 3}},
+           // An unknown codec is described to the writer, which refuses it, but nothing
+           // parses its bytes: not even the parser left from the previous recording.
+           {{kAvc, sizeof(kAvc)}, 7, kNone, kNone, kNone},
+       }) {
+    SCOPED_TRACE(codec);
     StartRecording(MakeParams(kMp4, kVideoOnly));
-    auto frame = tarnel_test::MakeVideoFrame(0, true, 1280, 720, c.codec);
-    frame->data = CopyOnWriteBuffer(c.bytes, c.size);
+    auto frame = tarnel_test::MakeVideoFrame(0, true, 1280, 720, codec);
+    frame->data = bytes;
     recorder_->WriteVideoFrame(std::move(frame));
     StopRecording();
+    ASSERT_EQ(writer().video_metadata.size(), static_cast<size_t>(++recordings));
+    const auto& sent = writer().video_metadata.back();
+    EXPECT_EQ(std::make_tuple(sent.codec_type, sent.width, sent.height),
+              std::make_tuple(codec, 1280u, 720u));
+    EXPECT_EQ(std::make_tuple(sent.vps, sent.sps, sent.pps), std::make_tuple(vps, sps, pps));
   }
-  const auto& sent = writer().video_metadata;
-  ASSERT_EQ(sent.size(), 3u);
-  EXPECT_EQ(sent[0].codec_type, 0);
-  EXPECT_EQ(sent[0].width, 1280u);
-  EXPECT_EQ(sent[0].height, 720u);
-  EXPECT_TRUE(sent[0].vps.empty());
-  EXPECT_EQ(sent[0].sps, CopyOnWriteBuffer(kAvc + 4, 5));
-  EXPECT_EQ(sent[0].pps, CopyOnWriteBuffer(kAvc + 12, 4));
-  EXPECT_EQ(sent[1].vps, CopyOnWriteBuffer(kHevc + 4, 3));
-  EXPECT_EQ(sent[1].sps, CopyOnWriteBuffer(kHevc + 10, 3));
-  EXPECT_EQ(sent[1].pps, CopyOnWriteBuffer(kHevc + 16, 3));
-  // An unknown codec is described to the writer, which refuses it, but nothing parses
-  // its bytes: not even the parser left from the previous recording.
-  EXPECT_EQ(sent[2].codec_type, 7);
-  EXPECT_TRUE(sent[2].vps.empty() && sent[2].sps.empty() && sent[2].pps.empty());
 }
 
 TEST_F(LocalRecordingIntakeTest, UnusableSilentTemplateTurnsFillingOff) {
-  Params params = MakeParams(kMkv, kAudioOnly);
-  params.fill_muted_frame = true;
-  StartRecording(params);
-  // 16 samples at 48 kHz: one third of a millisecond per frame.
-  for (uint32_t t = 0; t < 10; ++t) {
-    auto frame = std::make_unique<audio::AudioFrame>();
-    const int16_t samples[16] = {100};
+  StartRecording(MakeParams(kMkv, kAudioOnly, /*fill_muted_frame=*/true));
+  for (uint32_t t = 1; t <= 10; ++t) {
+    auto frame = tarnel_test::MakePcmFrame(t, 1);
+    const int16_t samples[16] = {100};  // 16 samples at 48 kHz: a third of a millisecond.
     frame->SetData(reinterpret_cast<const uint8_t*>(samples), sizeof(samples));
-    frame->SetSampleRate(48000);
-    frame->SetChannels(1);
-    frame->SetTimestampInMs(t + 1);
     recorder_->WriteAudioFrame(std::move(frame));
   }
   Advance(1000);
   StopRecording();
-  int warnings = 0;
-  for (const auto& message : logs_.MessagesAtLeast(tarn_logging::LS_WARNING)) {
-    if (message.find("is unusable") != std::string::npos) ++warnings;
-  }
-  EXPECT_EQ(warnings, 1);
+  const std::vector<std::string> warnings = logs_.MessagesAtLeast(tarn_logging::LS_WARNING);
+  EXPECT_EQ(std::count_if(warnings.begin(), warnings.end(),
+                          [](const std::string& m) { return m.find("is unusable") != m.npos; }),
+            1);
   EXPECT_FALSE(logs_.Contains("muted frame added"));
-  EXPECT_EQ(AudioPackets().size(), 10u) << "every real frame is still written";
+  EXPECT_EQ(writer().packets.size(), 10u) << "every real frame is still written";
 }
 
 }  // namespace

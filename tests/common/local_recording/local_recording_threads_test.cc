@@ -4,7 +4,6 @@
 // time the last reference is released; the release is the point after which the
 // client's events are final.
 #include <atomic>
-#include <memory>
 #include <optional>
 #include <string>
 #include <thread>
@@ -20,9 +19,7 @@ namespace tarnel {
 namespace recording {
 namespace {
 
-using extensions::local_recording::LocalRecordingSegmentationWriter;
-using extensions::local_recording::LocalRecordingType;
-using extensions::local_recording::MediaStreamWriter;
+using media_stream_writer::kMkv;
 using tarn_base::scoped_refptr;
 using tarnel_test::ClientEvent;
 using tarnel_test::RecordingClient;
@@ -30,51 +27,19 @@ using tarnel_test::RecordingClient;
 constexpr int kThreads = 8;
 constexpr int kOpsPerThread = 150;
 
-// A writer backend that accepts everything and may be used by many recorders' threads
-// at once (the shared fakes keep per-factory logs and suit one recorder only).
-class AcceptingBackend : public MediaStreamWriter {
- public:
-  explicit AcceptingBackend(std::atomic<int>* live) : live_(live) { ++*live_; }
-  ~AcceptingBackend() override { --*live_; }
-  void SetVideoMetaData(const media_stream_writer::VideoMetadata&) override {}
-  void SetAudioMetaData(const audio::AudioMetadata&) override {}
-  int Start(const std::string&, media_stream_writer::MediaFormat, LocalRecordingType,
-            int) override {
-    return 0;
-  }
-  int WriteVideoPacket(std::unique_ptr<video::VideoFrame>) override { return 1; }
-  int WriteAudioPacket(std::unique_ptr<audio::AudioFrame>) override { return 1; }
-  int64_t Stop() override { return 100; }
-
- private:
-  std::atomic<int>* live_;
-};
-
-// Checks one recorder's events once it is released: one OnRecordingStarted per Start;
-// each kOk start followed by exactly one completion before the next kOk start; no
-// completion or progress outside a recording.
+// One OnRecordingStarted per Start; kAlreadyStarted exactly while a recording runs; each
+// kOk start followed by exactly one completion before the next; nothing else outside.
 void ExpectBalancedEvents(const RecordingClient& client, int starts) {
-  const std::vector<ClientEvent> events = client.events();
-  int started = 0;
-  int ok_starts = 0;
-  int completed = 0;
+  int started = 0, ok_starts = 0, completed = 0;
   bool running = false;
-  for (const ClientEvent& e : events) {
+  for (const ClientEvent& e : client.events()) {
     if (e.kind == ClientEvent::kStarted) {
       ++started;
-      if (e.error == kOk) {
-        EXPECT_FALSE(running) << "a second recording started before the first completed";
-        running = true;
-        ++ok_starts;
-      } else {
-        EXPECT_EQ(e.error == kAlreadyStarted, running) << InternalErrorToString(e.error);
-      }
-    } else if (e.kind == ClientEvent::kCompleted) {
-      EXPECT_TRUE(running) << "completion without a started recording";
-      running = false;
-      ++completed;
-    } else if (e.kind == ClientEvent::kProgress) {
-      EXPECT_TRUE(running) << "progress outside a recording";
+      EXPECT_EQ(e.error == kAlreadyStarted, running) << InternalErrorToString(e.error);
+      if (e.error == kOk) running = true, ++ok_starts;
+    } else {
+      EXPECT_TRUE(running) << "event " << e.kind << " outside a recording";
+      if (e.kind == ClientEvent::kCompleted) running = false, ++completed;
     }
   }
   EXPECT_EQ(started, starts);
@@ -108,17 +73,19 @@ class LocalRecordingThreadsTest : public ::testing::Test {
     ASSERT_TRUE(dir_.CreateUniqueTempDir());
     tarn_logging::SetStderrLoggingEnabled(false);  // Thousands of expected refusals.
   }
-  void TearDown() override { tarn_logging::SetStderrLoggingEnabled(true); }
+  void TearDown() override {
+    tarn_logging::SetStderrLoggingEnabled(true);
+    EXPECT_EQ(writers_.state().constructed, writers_.state().destroyed) << "writers leaked";
+  }
 
   LocalRecordingInitialParams ParamsFor(int thread, int op, media_stream_writer::MediaFormat f) {
-    LocalRecordingInitialParams params;
-    params.file_path =
-        dir_.GetPath().Append("t" + std::to_string(thread) + "_" + std::to_string(op)).value();
-    params.media_format = f;
-    params.progress_interval_ms = 5;
-    params.fill_muted_frame = op % 3 == 0;
-    params.segment_interval = op % 4 == 0 ? 1 : 0;
-    return params;
+    // Progress every 5 ms, filling for every third op, segments for every fourth.
+    return {dir_.GetPath().Append("t" + std::to_string(thread) + "_" + std::to_string(op)).value(),
+            f,
+            5,
+            op % 3 == 0,
+            kAudioAndVideo,
+            op % 4 == 0 ? 1 : 0};
   }
 
   // One caller thread's share of the work on `recorder`: a fixed mix of starts, stops
@@ -146,89 +113,43 @@ class LocalRecordingThreadsTest : public ::testing::Test {
 
   tarnel_test::ScopedTempDir dir_;
   tarnel_test::FakeResamplerScope resampler_;
+  tarnel_test::FakeWriterFactory writers_;
   std::atomic<uint32_t> clock_ms_{1000};
 };
 
-TEST_F(LocalRecordingThreadsTest, OneRecorderCalledFromEightThreads) {
-  // One recorder, so one worker thread uses the shared fakes. Every 40th write fails.
-  tarnel_test::FakeWriterFactory writers;
-  writers.state().write_result = [](size_t i) { return i % 40 == 39 ? 0 : 1; };
-  tarnel_test::FakeEncoderFactory encoders;
-  for (media_stream_writer::MediaFormat format :
-       {media_stream_writer::kMp4, media_stream_writer::kMkv}) {
-    SCOPED_TRACE(format);
-    RecordingClient client;
-    std::atomic<int> starts{0};
-    {
-      scoped_refptr<LocalRecording> recorder = LocalRecording::Create(&client);
-      ASSERT_TRUE(recorder);
-      OnEightThreadsAtOnce([&](int t) { starts += Drive(recorder.get(), t, format); });
-      recorder->Start(ParamsFor(kThreads, 0, format));  // Likely still running at release.
-      ++starts;
-    }
-    ExpectBalancedEvents(client, starts);
-    EXPECT_EQ(writers.state().constructed, writers.state().destroyed);
-  }
-}
-
-TEST_F(LocalRecordingThreadsTest, ManyRecordersSharedByEightThreads) {
-  std::atomic<int> live_writers{0};
-  extensions::local_recording::ScopedWriterBackendFactoryForTesting backends(
-      [&live_writers](LocalRecordingSegmentationWriter::Client*) {
-        return std::make_unique<AcceptingBackend>(&live_writers);
-      });
-  constexpr int kRecorders = 4;
-  RecordingClient clients[kRecorders];
-  std::atomic<int> starts[kRecorders] = {};
-  {
-    scoped_refptr<LocalRecording> recorders[kRecorders];
-    for (int r = 0; r < kRecorders; ++r) {
-      recorders[r] = LocalRecording::Create(&clients[r]);
-      ASSERT_TRUE(recorders[r]);
-    }
-    // Each thread works on two recorders, each recorder gets four threads. Matroska
-    // and WAV take PCM as it is, so no encoder is shared between recorders.
-    OnEightThreadsAtOnce([&](int t) {
-      starts[t % kRecorders] +=
-          Drive(recorders[t % kRecorders].get(), t, media_stream_writer::kMkv);
-      const int other = (t + 1) % kRecorders;
-      starts[other] += Drive(recorders[other].get(), t + kThreads, media_stream_writer::kWav);
-    });
-  }
-  for (int r = 0; r < kRecorders; ++r) {
-    SCOPED_TRACE(r);
-    ExpectBalancedEvents(clients[r], starts[r]);
-  }
-  EXPECT_EQ(live_writers, 0);
-}
-
-TEST_F(LocalRecordingThreadsTest, LastReleaseByACallerThreadWithFramesStillPosted) {
+TEST_F(LocalRecordingThreadsTest, RecordersSharedByEightThreadsAndReleasedByOneOfThem) {
   // The caller threads hold the references; whichever finishes last releases the
-  // recorder while its frames are still queued on the worker. That release runs them,
-  // finishes a running recording and reports it before it returns.
-  std::atomic<int> live_writers{0};
-  extensions::local_recording::ScopedWriterBackendFactoryForTesting backends(
-      [&live_writers](LocalRecordingSegmentationWriter::Client*) {
-        return std::make_unique<AcceptingBackend>(&live_writers);
-      });
+  // recorders while their frames are still queued on the workers. That release runs
+  // them, finishes a running recording and reports it before it returns. Every 40th
+  // write fails.
+  writers_.state().write_result = [](size_t i) { return i % 40 == 39 ? 0 : 1; };
+  tarnel_test::FakeEncoderFactory encoders;
   for (int round = 0; round < 10; ++round) {
     SCOPED_TRACE(round);
-    RecordingClient client;
-    std::atomic<int> starts{0};
-    {
-      scoped_refptr<LocalRecording> recorder = LocalRecording::Create(&client);
-      ASSERT_TRUE(recorder);
-      recorder->Start(ParamsFor(round, 1000, media_stream_writer::kMkv));
-      ++starts;
-      // Each thread's copy of the lambda holds a reference; the test's goes first.
-      LocalRecording* raw = recorder.get();
-      OnEightThreadsAtOnce([&, held = std::move(recorder)](int t) {
-        starts += Drive(raw, t + round * kThreads, media_stream_writer::kMkv);
-      });
-      ASSERT_FALSE(recorder);
+    // All threads on one recorder, or on four: each thread on two, each recorder with
+    // four threads. Only one recorder may use the encoder fake, so MP4 goes with one;
+    // Matroska and WAV take PCM as it is.
+    const int count = round % 3 == 2 ? 4 : 1;
+    const media_stream_writer::MediaFormat format =
+        count == 1 && round % 2 ? media_stream_writer::kMp4 : kMkv;
+    RecordingClient clients[4];
+    std::atomic<int> starts[4] = {};
+    std::vector<scoped_refptr<LocalRecording>> recorders;
+    std::vector<LocalRecording*> raw;
+    for (int r = 0; r < count; ++r) {
+      recorders.push_back(LocalRecording::Create(&clients[r]));
+      ASSERT_TRUE(recorders.back());
+      raw.push_back(recorders.back().get());
+      raw.back()->Start(ParamsFor(round, 1000 + r, format));
+      ++starts[r];
     }
-    ExpectBalancedEvents(client, starts);
-    EXPECT_EQ(live_writers, 0);
+    // Each thread's copy of the lambda holds the references; the test's go first.
+    OnEightThreadsAtOnce([&, held = std::move(recorders)](int t) {
+      const int id = t + round * 2 * kThreads, a = t % count, b = (t + 1) % count;
+      starts[a] += Drive(raw[a], id, format);
+      starts[b] += Drive(raw[b], id + kThreads, count == 1 ? format : media_stream_writer::kWav);
+    });
+    for (int r = 0; r < count; ++r) ExpectBalancedEvents(clients[r], starts[r]);
   }
 }
 

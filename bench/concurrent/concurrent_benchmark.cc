@@ -85,7 +85,7 @@ struct Options {
   int pacers = 0;  // 0: one video and one audio thread per recorder.
   bool sweep = false;
   bool keep = false;
-  bool machine = false;  // One "result ..." line for --sweep's parent.
+  bool machine = false;     // One "result ..." line for --sweep's parent.
   bool fast_coder = false;  // libavcodec's "fast" AAC coder instead of the recorder's own.
   std::string h264;
   std::string wav;  // 48 kHz stereo s16 WAV to loop instead of the built-in music.
@@ -172,12 +172,12 @@ std::vector<int16_t> MakeMusicLoop() {
     for (int c = 0; c < kChannels; ++c) {
       noise = noise * 1664525u + 1013904223u;
       const double n = (static_cast<double>(noise >> 8) / (1 << 24)) * 2 - 1;
-      const double v = (c ? 0.08 : 0.12) * std::sin(2 * M_PI * root * t + c) +
-                       0.09 * std::sin(2 * M_PI * root * third * t) +
-                       0.08 * std::sin(2 * M_PI * root * 1.4983 * t) +
-                       envelope * (0.2 * std::sin(2 * M_PI * note * t) +
-                                   0.07 * std::sin(4 * M_PI * note * t)) +
-                       0.012 * n;
+      const double v =
+          (c ? 0.08 : 0.12) * std::sin(2 * M_PI * root * t + c) +
+          0.09 * std::sin(2 * M_PI * root * third * t) +
+          0.08 * std::sin(2 * M_PI * root * 1.4983 * t) +
+          envelope * (0.2 * std::sin(2 * M_PI * note * t) + 0.07 * std::sin(4 * M_PI * note * t)) +
+          0.012 * n;
       pcm[static_cast<size_t>(i) * kChannels + c] = static_cast<int16_t>(v * 32767);
     }
   }
@@ -219,9 +219,9 @@ struct WriterStats {
   int64_t video_refused = 0;
   int64_t audio_accepted = 0;  // AAC frames.
   int64_t audio_refused = 0;
-  int64_t unmatched = 0;       // Written video frames with no hand-over time.
+  int64_t unmatched = 0;  // Written video frames with no hand-over time.
   bool has_offset = false;
-  int64_t pts_offset = 0;      // Handed-over pts minus written pts.
+  int64_t pts_offset = 0;  // Handed-over pts minus written pts.
   std::vector<int32_t> latency_us;
 };
 
@@ -349,8 +349,8 @@ double MachineBusySeconds() {
 
 double Percentile(std::vector<int32_t>* values, double p) {
   if (values->empty()) return 0;
-  const size_t index = std::min(values->size() - 1,
-                                static_cast<size_t>(std::ceil(p * values->size())) - 1);
+  const size_t index =
+      std::min(values->size() - 1, static_cast<size_t>(std::ceil(p * values->size())) - 1);
   std::nth_element(values->begin(), values->begin() + static_cast<long>(index), values->end());
   return (*values)[index] / 1000.0;
 }
@@ -396,8 +396,8 @@ Clock::time_point AudioDue(const Feed& feed, int64_t index) {
 }
 
 void HandVideo(const Input& input, Feed* feed) {
-  const AccessUnit& unit = input.units[(feed->au_start + static_cast<size_t>(feed->video_index)) %
-                                       input.units.size()];
+  const AccessUnit& unit =
+      input.units[(feed->au_start + static_cast<size_t>(feed->video_index)) % input.units.size()];
   auto frame = std::make_unique<tarnel::video::VideoFrame>();
   frame->data = tarnel::CopyOnWriteBuffer(unit.bytes.data(), unit.bytes.size());
   frame->pts = frame->dts = VideoPts(feed->video_index);
@@ -406,9 +406,10 @@ void HandVideo(const Input& input, Feed* feed) {
   frame->width = kWidth;
   frame->height = kHeight;
   const Clock::time_point now = Clock::now();
-  feed->lateness_us.push_back(static_cast<int32_t>(
-      std::chrono::duration_cast<std::chrono::microseconds>(now - VideoDue(*feed, feed->video_index))
-          .count()));
+  feed->lateness_us.push_back(
+      static_cast<int32_t>(std::chrono::duration_cast<std::chrono::microseconds>(
+                               now - VideoDue(*feed, feed->video_index))
+                               .count()));
   g_shared->hand_over.Put(feed->id, frame->pts, now);
   feed->recorder->WriteVideoFrame(std::move(frame));
   ++feed->video_index;
@@ -510,7 +511,8 @@ bool MakeH264(const std::string& dir, std::string* path) {
   *path = dir + "/loop.h264";
   const std::string command =
       "ffmpeg -nostdin -v error -y -f lavfi -i testsrc2=size=1280x720:rate=30 -t 10 -c:v libx264 "
-      "-preset veryfast -bf 0 -g 60 -b:v 2500k -f h264 '" + *path + "'";
+      "-preset veryfast -bf 0 -g 60 -b:v 2500k -f h264 '" +
+      *path + "'";
   return std::system(command.c_str()) == 0;
 }
 
@@ -658,8 +660,8 @@ RunResult RunOnce(const Options& options, const Input& input, const std::string&
     result.video_refused += stats.video_refused + stats.audio_refused;
     result.unmatched += stats.unmatched;
     const double handed_s = feed.audio_handed * kAudioFrameMs / 1000.0;
-    const double accepted_s =
-        stats.audio_accepted * static_cast<double>(tarnel::audio::kAacSamplesPerFrame) / kSampleRate;
+    const double accepted_s = stats.audio_accepted *
+                              static_cast<double>(tarnel::audio::kAacSamplesPerFrame) / kSampleRate;
     result.audio_handed_s += handed_s;
     result.audio_accepted_s += accepted_s;
     worst_short_ms = std::max(worst_short_ms, (handed_s - accepted_s) * 1000);
@@ -669,24 +671,27 @@ RunResult RunOnce(const Options& options, const Input& input, const std::string&
   result.audio_short_max_ms = worst_short_ms;
   result.p50_ms = Percentile(&latencies, 0.50);
   result.p99_ms = Percentile(&latencies, 0.99);
-  result.max_ms = latencies.empty() ? 0 : *std::max_element(latencies.begin(), latencies.end()) / 1000.0;
+  result.max_ms =
+      latencies.empty() ? 0 : *std::max_element(latencies.begin(), latencies.end()) / 1000.0;
   result.late_p99_ms = Percentile(&lateness, 0.99);
   result.rss_per_recorder_mib = (rss_peak - rss_before) / 1024.0 / std::max(n, 1);
-  result.sustained = result.failed_recordings == 0 && result.video_accepted == result.video_handed &&
-                     result.video_refused == 0 && result.unmatched == 0 &&
-                     result.audio_short_max_ms <= kMaxAudioShortMs && result.p99_ms < kMaxP99Ms;
+  result.sustained = result.failed_recordings == 0 &&
+                     result.video_accepted == result.video_handed && result.video_refused == 0 &&
+                     result.unmatched == 0 && result.audio_short_max_ms <= kMaxAudioShortMs &&
+                     result.p99_ms < kMaxP99Ms;
   return result;
 }
 
 std::string ResultLine(const RunResult& r) {
   char line[512];
-  std::snprintf(line, sizeof(line),
-                "result %d %.1f %.1f %lld %lld %lld %lld %.2f %.2f %.1f %.1f %.1f %.1f %.1f %.2f %d %d",
-                r.recorders, r.cpu_percent, r.other_percent, static_cast<long long>(r.video_handed),
-                static_cast<long long>(r.video_accepted), static_cast<long long>(r.video_refused),
-                static_cast<long long>(r.unmatched), r.audio_handed_s, r.audio_accepted_s,
-                r.audio_short_max_ms, r.p50_ms, r.p99_ms, r.max_ms, r.late_p99_ms,
-                r.rss_per_recorder_mib, r.failed_recordings, r.sustained ? 1 : 0);
+  std::snprintf(
+      line, sizeof(line),
+      "result %d %.1f %.1f %lld %lld %lld %lld %.2f %.2f %.1f %.1f %.1f %.1f %.1f %.2f %d %d",
+      r.recorders, r.cpu_percent, r.other_percent, static_cast<long long>(r.video_handed),
+      static_cast<long long>(r.video_accepted), static_cast<long long>(r.video_refused),
+      static_cast<long long>(r.unmatched), r.audio_handed_s, r.audio_accepted_s,
+      r.audio_short_max_ms, r.p50_ms, r.p99_ms, r.max_ms, r.late_p99_ms, r.rss_per_recorder_mib,
+      r.failed_recordings, r.sustained ? 1 : 0);
   return line;
 }
 
@@ -711,20 +716,22 @@ bool ParseResultLine(const std::string& line, RunResult* r) {
 void PrintHeader() {
   std::printf(
       "| N | CPU %% of a core | CPU %% per recorder | others' CPU %% | video handed / accepted "
-      "| refused / unmatched | audio handed / accepted s | worst audio short ms | latency p50 / p99 / max ms "
+      "| refused / unmatched | audio handed / accepted s | worst audio short ms | latency p50 / "
+      "p99 / max ms "
       "| feeder late p99 ms | RSS MiB per recorder | failed | sustained |\n"
       "|---:|---:|---:|---:|---|---:|---|---:|---|---:|---:|---:|---|\n");
 }
 
 void PrintRow(const RunResult& r) {
   std::printf(
-      "| %d | %.1f | %.2f | %.1f | %lld / %lld | %lld / %lld | %.1f / %.1f | %.0f | %.0f / %.0f / %.0f "
+      "| %d | %.1f | %.2f | %.1f | %lld / %lld | %lld / %lld | %.1f / %.1f | %.0f | %.0f / %.0f / "
+      "%.0f "
       "| %.1f | %.2f | %d | %s |\n",
       r.recorders, r.cpu_percent, r.cpu_percent / std::max(r.recorders, 1), r.other_percent,
       static_cast<long long>(r.video_handed), static_cast<long long>(r.video_accepted),
-      static_cast<long long>(r.video_refused), static_cast<long long>(r.unmatched), r.audio_handed_s, r.audio_accepted_s,
-      r.audio_short_max_ms, r.p50_ms, r.p99_ms, r.max_ms, r.late_p99_ms, r.rss_per_recorder_mib,
-      r.failed_recordings, r.sustained ? "yes" : "no");
+      static_cast<long long>(r.video_refused), static_cast<long long>(r.unmatched),
+      r.audio_handed_s, r.audio_accepted_s, r.audio_short_max_ms, r.p50_ms, r.p99_ms, r.max_ms,
+      r.late_p99_ms, r.rss_per_recorder_mib, r.failed_recordings, r.sustained ? "yes" : "no");
   std::fflush(stdout);
 }
 
@@ -738,7 +745,8 @@ std::string MakeTempDir(const std::string& parent, const char* prefix) {
 
 void RemoveDir(const std::string& dir) {
   const std::string command = "rm -rf '" + dir + "'";
-  if (std::system(command.c_str()) != 0) std::fprintf(stderr, "warning: cannot remove %s\n", dir.c_str());
+  if (std::system(command.c_str()) != 0)
+    std::fprintf(stderr, "warning: cannot remove %s\n", dir.c_str());
 }
 
 // Runs one N in a child process (a fresh heap for the RSS figure).
@@ -857,13 +865,14 @@ int main(int argc, char** argv) {
     const ssize_t length = readlink("/proc/self/exe", self, sizeof(self) - 1);
     if (length <= 0) return 1;
     self[length] = '\0';
-    std::printf("Feeding: %s; %d s per N; 1280x720 30 fps H.264 + 48 kHz stereo PCM into MP4 "
-                "(AAC 196608 b/s, %s coder); audio: %s. %ld cores.\n\n",
-                options.pacers > 0
-                    ? (std::to_string(options.pacers) + " pacing threads").c_str()
-                    : "one video and one audio thread per recorder",
-                options.seconds, options.fast_coder ? "fast" : "twoloop",
-                options.wav.empty() ? "built-in music-like loop" : options.wav.c_str(), sysconf(_SC_NPROCESSORS_ONLN));
+    std::printf(
+        "Feeding: %s; %d s per N; 1280x720 30 fps H.264 + 48 kHz stereo PCM into MP4 "
+        "(AAC 196608 b/s, %s coder); audio: %s. %ld cores.\n\n",
+        options.pacers > 0 ? (std::to_string(options.pacers) + " pacing threads").c_str()
+                           : "one video and one audio thread per recorder",
+        options.seconds, options.fast_coder ? "fast" : "twoloop",
+        options.wav.empty() ? "built-in music-like loop" : options.wav.c_str(),
+        sysconf(_SC_NPROCESSORS_ONLN));
     PrintHeader();
     int best = 0;
     std::vector<int> list = options.sweep_list;
@@ -915,8 +924,9 @@ int main(int argc, char** argv) {
     if (options.machine) {
       std::printf("%s\n", ResultLine(result).c_str());
     } else {
-      std::printf("%zu access units in the loop; feeding: %s\n\n", input.units.size(),
-                  options.pacers > 0 ? "pacing threads" : "one video and one audio thread per recorder");
+      std::printf(
+          "%zu access units in the loop; feeding: %s\n\n", input.units.size(),
+          options.pacers > 0 ? "pacing threads" : "one video and one audio thread per recorder");
       PrintHeader();
       PrintRow(result);
     }

@@ -84,47 +84,49 @@ tarnel::recording::LocalRecordingInitialParams MkvParams() {
   return params;
 }
 
-// Caller side: a recording runs on the worker (on the other core) while this thread
-// hands frames over. Frames are made with the timer paused.
-void BM_CallerWriteVideoFrame(benchmark::State& state) {
-  tarnel::extensions::local_recording::ScopedWriterBackendFactoryForTesting discard(
+// A recording into a discarding writer, from construction to destruction.
+struct DiscardingRecording {
+  DiscardingRecording() : recorder(LocalRecording::Create(&client)) {
+    recorder->Start(MkvParams());
+  }
+  ~DiscardingRecording() { recorder->Stop(); }
+
+  tarnel::extensions::local_recording::ScopedWriterBackendFactoryForTesting discard{
       [](LocalRecordingSegmentationWriter::Client*) {
         return std::make_unique<DiscardingWriter>();
-      });
+      }};
   SilentClient client;
-  auto recorder = LocalRecording::Create(&client);
-  recorder->Start(MkvParams());
-  uint64_t pts = 0;
-  std::vector<std::unique_ptr<tarnel::video::VideoFrame>> frames;
+  tarn_base::scoped_refptr<LocalRecording> recorder;
+};
+
+// Caller side: a recording runs on the worker (on the other core) while this thread
+// hands frames over. `make(i)` makes the i-th frame, with the timer paused; `hand_over`
+// is what is measured.
+template <typename Frame, typename Make, typename HandOver>
+void RunCallerBenchmark(benchmark::State& state, Make make, HandOver hand_over) {
+  DiscardingRecording recording;
+  int64_t index = 0;
+  std::vector<std::unique_ptr<Frame>> frames;
   while (state.KeepRunningBatch(kBatch)) {
     state.PauseTiming();
     frames.clear();
-    for (int i = 0; i < kBatch; ++i, pts += 33) frames.push_back(MakeVideo(pts, 16 * 1024));
+    for (int i = 0; i < kBatch; ++i) frames.push_back(make(index++));
     state.ResumeTiming();
-    for (auto& frame : frames) recorder->WriteVideoFrame(std::move(frame));
+    for (auto& frame : frames) hand_over(recording.recorder.get(), std::move(frame));
   }
-  recorder->Stop();
+}
+
+void BM_CallerWriteVideoFrame(benchmark::State& state) {
+  RunCallerBenchmark<tarnel::video::VideoFrame>(
+      state, [](int64_t i) { return MakeVideo(static_cast<uint64_t>(i) * 33, 16 * 1024); },
+      [](LocalRecording* r, auto frame) { r->WriteVideoFrame(std::move(frame)); });
 }
 BENCHMARK(BM_CallerWriteVideoFrame);
 
 void BM_CallerWriteAudioFrame(benchmark::State& state) {
-  tarnel::extensions::local_recording::ScopedWriterBackendFactoryForTesting discard(
-      [](LocalRecordingSegmentationWriter::Client*) {
-        return std::make_unique<DiscardingWriter>();
-      });
-  SilentClient client;
-  auto recorder = LocalRecording::Create(&client);
-  recorder->Start(MkvParams());
-  uint32_t timestamp = 0;
-  std::vector<std::unique_ptr<tarnel::audio::AudioFrame>> frames;
-  while (state.KeepRunningBatch(kBatch)) {
-    state.PauseTiming();
-    frames.clear();
-    for (int i = 0; i < kBatch; ++i, timestamp += 10) frames.push_back(MakeAudio(timestamp));
-    state.ResumeTiming();
-    for (auto& frame : frames) recorder->WriteAudioFrame(std::move(frame));
-  }
-  recorder->Stop();
+  RunCallerBenchmark<tarnel::audio::AudioFrame>(
+      state, [](int64_t i) { return MakeAudio(static_cast<uint32_t>(i) * 10); },
+      [](LocalRecording* r, auto frame) { r->WriteAudioFrame(std::move(frame)); });
 }
 BENCHMARK(BM_CallerWriteAudioFrame);
 
@@ -134,13 +136,8 @@ BENCHMARK(BM_CallerWriteAudioFrame);
 void BM_WorkerIntakeAndWrite(benchmark::State& state) {
   tarn_base::SimulatedClock clock;
   tarn_base::ScopedTickClockOverrideForTesting use_clock(&clock);
-  tarnel::extensions::local_recording::ScopedWriterBackendFactoryForTesting discard(
-      [](LocalRecordingSegmentationWriter::Client*) {
-        return std::make_unique<DiscardingWriter>();
-      });
-  SilentClient client;
-  auto recorder = LocalRecording::Create(&client);
-  recorder->Start(MkvParams());
+  auto recording = std::make_unique<DiscardingRecording>();
+  LocalRecording* recorder = recording->recorder.get();
   uint64_t ms = 0;
   int64_t frames = 0;
   for (auto _ : state) {
@@ -157,7 +154,7 @@ void BM_WorkerIntakeAndWrite(benchmark::State& state) {
     clock.FastForwardBy(tarn_base::TimeDelta::FromMilliseconds(150));
   }
   state.SetItemsProcessed(frames);  // items = frames handed over.
-  recorder->Stop();
+  recording.reset();                // Stops, and releases the recorder, whose thread ends here.
   clock.RunUntilIdle();
 }
 BENCHMARK(BM_WorkerIntakeAndWrite);

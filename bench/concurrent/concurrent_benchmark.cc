@@ -53,6 +53,7 @@ extern "C" {
 #include "sdk/common/local_recording/local_recording.h"
 #include "sdk/media/audio_encoder.h"
 #include "sdk/media/ffmpeg/ffmpeg_aac_encoder.h"
+#include "sdk/media_stream_writer/ffmpeg/codec_config.h"
 #include "sdk/media_stream_writer/ffmpeg/ffmpeg_stream_writer.h"
 #include "sdk/media_stream_writer/local_recording_segmentation_writer.h"
 
@@ -64,6 +65,8 @@ using tarnel::extensions::local_recording::LocalRecordingSegmentationWriter;
 using tarnel::extensions::local_recording::LocalRecordingType;
 using tarnel::extensions::local_recording::MediaStreamWriter;
 using tarnel::extensions::local_recording::ScopedWriterBackendFactoryForTesting;
+using tarnel::media_stream_writer::NalUnitView;
+using tarnel::media_stream_writer::SplitAnnexB;
 using tarnel::recording::InternalError;
 using tarnel::recording::LocalRecording;
 
@@ -105,43 +108,28 @@ struct AccessUnit {
 // SPS/PPS/SEI that follows a slice of the current one, or at the first slice of a
 // picture (first_mb_in_slice == 0) when the current one already has a slice.
 std::vector<AccessUnit> SplitAccessUnits(const std::vector<uint8_t>& data) {
-  struct Nal {
-    size_t start;  // Of the start code.
-    size_t payload;
-  };
-  std::vector<Nal> nals;
-  for (size_t i = 0; i + 3 <= data.size();) {
-    if (data[i] == 0 && data[i + 1] == 0 && data[i + 2] == 1) {
-      const size_t start = (i > 0 && data[i - 1] == 0) ? i - 1 : i;
-      nals.push_back({start, i + 3});
-      i += 3;
-    } else {
-      ++i;
-    }
-  }
+  static constexpr uint8_t kStartCode[] = {0, 0, 0, 1};
   std::vector<AccessUnit> units;
   AccessUnit current;
   bool has_slice = false;
-  for (size_t n = 0; n < nals.size(); ++n) {
-    const size_t end = n + 1 < nals.size() ? nals[n + 1].start : data.size();
-    if (nals[n].payload >= end) continue;
-    const uint8_t type = data[nals[n].payload] & 0x1f;
+  for (const NalUnitView& nal : SplitAnnexB(data.data(), data.size())) {
+    const uint8_t type = nal.data[0] & 0x1f;
     const bool slice = type == 1 || type == 5;
     bool starts_unit = false;
     if (type == 9) {
       starts_unit = true;
     } else if (type == 6 || type == 7 || type == 8) {
       starts_unit = has_slice;
-    } else if (slice && has_slice && nals[n].payload + 1 < end) {
-      starts_unit = (data[nals[n].payload + 1] & 0x80) != 0;  // ue(v) 0: first_mb 0.
+    } else if (slice && has_slice && nal.size > 1) {
+      starts_unit = (nal.data[1] & 0x80) != 0;  // ue(v) 0: first_mb_in_slice 0.
     }
     if (starts_unit && !current.bytes.empty()) {
       units.push_back(std::move(current));
       current = AccessUnit();
       has_slice = false;
     }
-    current.bytes.insert(current.bytes.end(), data.begin() + static_cast<long>(nals[n].start),
-                         data.begin() + static_cast<long>(end));
+    current.bytes.insert(current.bytes.end(), std::begin(kStartCode), std::end(kStartCode));
+    current.bytes.insert(current.bytes.end(), nal.data, nal.data + nal.size);
     if (slice) has_slice = true;
     if (type == 5) current.key = true;
   }

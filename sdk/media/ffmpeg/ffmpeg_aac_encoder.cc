@@ -1,6 +1,8 @@
 #include "sdk/media/ffmpeg/ffmpeg_aac_encoder.h"
 
+#include <cmath>
 #include <cstring>
+#include <string>
 #include <utility>
 
 extern "C" {
@@ -41,9 +43,33 @@ const char* CoderName(FfmpegAacEncoder::Coder coder) {
       return "twoloop";
     case FfmpegAacEncoder::Coder::kFast:
       return "fast";
+    case FfmpegAacEncoder::Coder::kFastChecked:
+      return "fast, checked";
   }
   return "twoloop";
 }
+
+// What kFastChecked takes for the fast coder's breakdown, on a frame loud enough to
+// matter (mean square over all channels above -20 dBFS):
+//  - below 20 dB SNR: a loud tone it clips (8-14 dB measured, at any bit rate use);
+//    working streams stay above ~21 dB (music 23, a square wave 21.6, speech 28);
+//  - below 30 dB while the last kCheckedWindow packets used under 70% of their share of
+//    the bit rate: its rate control starving on a sparse spectrum (26-28 dB, falling);
+//    a working coder spends its budget, give or take the bit reservoir's swings.
+// A false alarm costs CPU (two-loop for the rest of the stream), never quality.
+constexpr double kCheckedMinMeanSquare = 0.01;
+constexpr double kCheckedMinSnrDb = 20.0;
+constexpr double kCheckedMinSnrWhenStarvedDb = 30.0;
+constexpr double kCheckedStarvedBudgetShare = 0.7;
+// Below this bit rate per channel the fast coder is not used at all: its loud-tone
+// clipping shows there without starving (mono at 71680 b/s: 26 dB on a -3 dBFS sine,
+// two-loop 43 dB), and FFmpeg itself recommends it for high bit rates only.
+constexpr int32_t kFastMinBitratePerChannel = 96000;
+constexpr size_t kCheckedWindow = 8;
+// Inputs a two-loop encoder taking over is fed first (after a frame of silence): enough
+// history for its psychoacoustic state and block switching to follow the signal by the
+// time its packet joins the fast coder's previous one.
+constexpr size_t kTakeOverWarmUpInputs = 8;
 
 }  // namespace
 
@@ -63,6 +89,8 @@ void FfmpegAacEncoder::Close() {
   avcodec_free_context(&context_);
   av_frame_free(&frame_);
   av_packet_free(&packet_);
+  CloseChecker();
+  fell_back_ = false;
   pending_.clear();
   next_pts_ = 0;
   sample_rate_ = 0;
@@ -103,49 +131,56 @@ bool FfmpegAacEncoder::Init(const AudioEncodeParams& params) {
     return false;
   }
 
-  const AVCodec* codec = avcodec_find_encoder_by_name("aac");
-  if (codec == nullptr) {
-    TARN_LOG(tarn_logging::LS_ERROR, kLogConfig, this)
-        << "libavcodec was built without its aac encoder";
-    return false;
-  }
-  context_ = avcodec_alloc_context3(codec);
+  sample_rate_ = params.sample_rate;
+  channels_ = params.channels;
+  bitrate_ = params.bitrate;
   frame_ = av_frame_alloc();
   packet_ = av_packet_alloc();
-  if (context_ == nullptr || frame_ == nullptr || packet_ == nullptr) {
+  if (frame_ == nullptr || packet_ == nullptr) {
     TARN_LOG(tarn_logging::LS_ERROR, kLogConfig, this) << "out of memory";
     Close();
     return false;
   }
-  context_->sample_fmt = AV_SAMPLE_FMT_FLTP;
-  context_->sample_rate = params.sample_rate;
-  av_channel_layout_default(&context_->ch_layout, params.channels);
-  context_->bit_rate = params.bitrate;
-  context_->profile = FF_PROFILE_AAC_LOW;
-  context_->time_base = AVRational{1, params.sample_rate};
-
-  AVDictionary* options = nullptr;
-  av_dict_set(&options, "aac_coder", CoderName(coder_), 0);
-  int ret = avcodec_open2(context_, codec, &options);
-  av_dict_free(&options);
-  if (ret < 0) {
-    TARN_LOG(tarn_logging::LS_ERROR, kLogConfig, this)
-        << "cannot open the aac encoder at " << params.sample_rate << " Hz, " << params.channels
-        << " channels, " << params.bitrate << " b/s: " << FfmpegErrorText(ret);
+  active_coder_ = coder_;
+  if (coder_ == Coder::kFastChecked &&
+      params.bitrate / params.channels < kFastMinBitratePerChannel) {
+    active_coder_ = Coder::kTwoLoop;
+  }
+  context_ = OpenEncoder(active_coder_ == Coder::kTwoLoop ? Coder::kTwoLoop : Coder::kFast);
+  if (context_ == nullptr) {
     Close();
     return false;
   }
-  if (context_->frame_size != kAacSamplesPerFrame) {
-    TARN_LOG(tarn_logging::LS_ERROR, kLogConfig, this)
-        << "the aac encoder wants frames of " << context_->frame_size << " samples";
-    Close();
-    return false;
+  if (active_coder_ == Coder::kFastChecked) {
+    const AVCodec* decoder = avcodec_find_decoder(AV_CODEC_ID_AAC);
+    checker_ = decoder != nullptr ? avcodec_alloc_context3(decoder) : nullptr;
+    decoded_ = av_frame_alloc();
+    int ret = checker_ != nullptr && decoded_ != nullptr ? 0 : AVERROR(ENOMEM);
+    // Raw access units: the decoder learns the stream from the encoder's
+    // AudioSpecificConfig.
+    if (ret >= 0 && context_->extradata_size > 0) {
+      checker_->extradata = static_cast<uint8_t*>(
+          av_mallocz(static_cast<size_t>(context_->extradata_size) + AV_INPUT_BUFFER_PADDING_SIZE));
+      if (checker_->extradata == nullptr) ret = AVERROR(ENOMEM);
+      if (ret >= 0) {
+        std::memcpy(checker_->extradata, context_->extradata,
+                    static_cast<size_t>(context_->extradata_size));
+        checker_->extradata_size = context_->extradata_size;
+      }
+    }
+    if (ret >= 0) ret = avcodec_open2(checker_, decoder, nullptr);
+    if (ret < 0) {
+      TARN_LOG(tarn_logging::LS_ERROR, kLogConfig, this)
+          << "cannot open the aac decoder that checks the fast coder: " << FfmpegErrorText(ret);
+      Close();
+      return false;
+    }
   }
 
   frame_->format = AV_SAMPLE_FMT_FLTP;
   frame_->sample_rate = params.sample_rate;
   frame_->nb_samples = kAacSamplesPerFrame;
-  ret = av_channel_layout_copy(&frame_->ch_layout, &context_->ch_layout);
+  int ret = av_channel_layout_copy(&frame_->ch_layout, &context_->ch_layout);
   if (ret >= 0) ret = av_frame_get_buffer(frame_, 0);
   if (ret < 0) {
     TARN_LOG(tarn_logging::LS_ERROR, kLogConfig, this)
@@ -154,9 +189,6 @@ bool FfmpegAacEncoder::Init(const AudioEncodeParams& params) {
     return false;
   }
 
-  sample_rate_ = params.sample_rate;
-  channels_ = params.channels;
-  bitrate_ = params.bitrate;
   adts_ = params.raw_access_units == 0;
   sampling_frequency_index_ = frequency_index;
 
@@ -167,7 +199,7 @@ bool FfmpegAacEncoder::Init(const AudioEncodeParams& params) {
   av_samples_set_silence(frame_->data, 0, kAacSamplesPerFrame, channels_, AV_SAMPLE_FMT_FLTP);
   frame_->pts = next_pts_;
   next_pts_ += kAacSamplesPerFrame;
-  if (!SendAndDrain(frame_)) {
+  if (!SendAndDrain(context_, frame_, &pending_)) {
     Close();
     return false;
   }
@@ -176,8 +208,172 @@ bool FfmpegAacEncoder::Init(const AudioEncodeParams& params) {
   priming_samples_ = context_->initial_padding + kAacSamplesPerFrame;
   TARN_LOG(tarn_logging::LS_INFO, kLogConfig, this)
       << "aac encoder open: " << sample_rate_ << " Hz, " << channels_ << " channels, " << bitrate_
-      << " b/s, coder " << CoderName(coder_) << ", delay " << priming_samples_ << " samples"
+      << " b/s, coder " << CoderName(active_coder_) << ", delay " << priming_samples_ << " samples"
       << (adts_ ? ", ADTS" : "");
+  return true;
+}
+
+AVCodecContext* FfmpegAacEncoder::OpenEncoder(Coder coder) {
+  const AVCodec* codec = avcodec_find_encoder_by_name("aac");
+  if (codec == nullptr) {
+    TARN_LOG(tarn_logging::LS_ERROR, kLogConfig, this)
+        << "libavcodec was built without its aac encoder";
+    return nullptr;
+  }
+  AVCodecContext* context = avcodec_alloc_context3(codec);
+  if (context == nullptr) {
+    TARN_LOG(tarn_logging::LS_ERROR, kLogConfig, this) << "out of memory";
+    return nullptr;
+  }
+  context->sample_fmt = AV_SAMPLE_FMT_FLTP;
+  context->sample_rate = sample_rate_;
+  av_channel_layout_default(&context->ch_layout, channels_);
+  context->bit_rate = bitrate_;
+  context->profile = FF_PROFILE_AAC_LOW;
+  context->time_base = AVRational{1, sample_rate_};
+
+  AVDictionary* options = nullptr;
+  av_dict_set(&options, "aac_coder", CoderName(coder), 0);
+  const int ret = avcodec_open2(context, codec, &options);
+  av_dict_free(&options);
+  if (ret < 0) {
+    TARN_LOG(tarn_logging::LS_ERROR, kLogConfig, this)
+        << "cannot open the aac encoder at " << sample_rate_ << " Hz, " << channels_
+        << " channels, " << bitrate_ << " b/s: " << FfmpegErrorText(ret);
+    avcodec_free_context(&context);
+    return nullptr;
+  }
+  if (context->frame_size != kAacSamplesPerFrame) {
+    TARN_LOG(tarn_logging::LS_ERROR, kLogConfig, this)
+        << "the aac encoder wants frames of " << context->frame_size << " samples";
+    avcodec_free_context(&context);
+    return nullptr;
+  }
+  return context;
+}
+
+void FfmpegAacEncoder::CloseChecker() {
+  avcodec_free_context(&checker_);
+  av_frame_free(&decoded_);
+  recent_inputs_.clear();
+  recent_packet_bits_.clear();
+  recent_packet_bits_sum_ = 0;
+}
+
+bool FfmpegAacEncoder::CheckPacket(std::vector<uint8_t>* packet) {
+  int ret = av_new_packet(packet_, static_cast<int>(packet->size()));
+  if (ret >= 0) {
+    std::memcpy(packet_->data, packet->data(), packet->size());
+    ret = avcodec_send_packet(checker_, packet_);
+    av_packet_unref(packet_);
+  }
+  bool decoded = false;
+  while (ret >= 0 && avcodec_receive_frame(checker_, decoded_) >= 0) {
+    decoded = decoded_->nb_samples == kAacSamplesPerFrame &&
+              decoded_->format == AV_SAMPLE_FMT_FLTP &&
+              decoded_->ch_layout.nb_channels == channels_;
+    if (decoded && recent_inputs_.size() >= 3) break;
+    av_frame_unref(decoded_);
+  }
+  if (ret < 0 || !decoded) {
+    // The check is an extra; a stream it cannot follow goes on unchecked.
+    TARN_LOG(tarn_logging::LS_WARNING, kLogConfig, this)
+        << "the fast coder's check could not decode its packet ("
+        << (ret < 0 ? FfmpegErrorText(ret) : std::string("no frame")) << "); unchecked from here";
+    CloseChecker();
+    return true;
+  }
+  recent_packet_bits_.push_back(static_cast<int64_t>(packet->size()) * 8);
+  recent_packet_bits_sum_ += recent_packet_bits_.back();
+  if (recent_packet_bits_.size() > kCheckedWindow) {
+    recent_packet_bits_sum_ -= recent_packet_bits_.front();
+    recent_packet_bits_.pop_front();
+  }
+  if (recent_inputs_.size() < 3) return true;  // Still the encoder's priming.
+
+  // The decoded frame completes the input two pieces back.
+  const std::vector<float>& input = recent_inputs_[recent_inputs_.size() - 3];
+  double signal = 0.0;
+  double noise = 0.0;
+  for (int ch = 0; ch < channels_; ++ch) {
+    const float* in = input.data() + static_cast<size_t>(ch) * kAacSamplesPerFrame;
+    const float* out = reinterpret_cast<const float*>(decoded_->data[ch]);
+    for (int i = 0; i < kAacSamplesPerFrame; ++i) {
+      signal += static_cast<double>(in[i]) * in[i];
+      const double error = static_cast<double>(out[i]) - in[i];
+      noise += error * error;
+    }
+  }
+  av_frame_unref(decoded_);
+  const double mean_square = signal / (kAacSamplesPerFrame * channels_);
+  const double budget_bits = static_cast<double>(bitrate_) * kAacSamplesPerFrame / sample_rate_;
+  const double bits = static_cast<double>(recent_packet_bits_sum_) /
+                      static_cast<double>(recent_packet_bits_.size());
+  const bool starved = recent_packet_bits_.size() == kCheckedWindow &&
+                       bits < kCheckedStarvedBudgetShare * budget_bits;
+  const double floor_db = starved ? kCheckedMinSnrWhenStarvedDb : kCheckedMinSnrDb;
+  if (mean_square < kCheckedMinMeanSquare || noise * std::pow(10.0, floor_db / 10.0) <= signal) {
+    return true;
+  }
+  const double snr_db = noise > 0.0 ? 10.0 * std::log10(signal / noise) : 0.0;
+  TARN_LOG(tarn_logging::LS_WARNING, kLogConfig, this)
+      << "the fast aac coder lost a loud frame (" << static_cast<int>(snr_db)
+      << " dB SNR; its last packets used " << static_cast<int>(100.0 * bits / budget_bits)
+      << "% of the bit rate); two-loop from here on";
+  return FallBackToTwoLoop(packet);
+}
+
+bool FfmpegAacEncoder::FallBackToTwoLoop(std::vector<uint8_t>* packet) {
+  AVCodecContext* two_loop = OpenEncoder(Coder::kTwoLoop);
+  if (two_loop == nullptr) return false;
+  // Fed the last inputs up to input n, a fresh encoder's last packet covers the frame
+  // pair (input n-2, input n-1): the same span as `packet`, so it takes that packet's
+  // place, and the next input gets a packet that continues seamlessly.
+  AVFrame* frame = av_frame_alloc();
+  std::deque<std::vector<uint8_t>> packets;
+  bool ok = frame != nullptr;
+  if (ok) {
+    frame->format = AV_SAMPLE_FMT_FLTP;
+    frame->sample_rate = sample_rate_;
+    frame->nb_samples = kAacSamplesPerFrame;
+    ok = av_channel_layout_copy(&frame->ch_layout, &two_loop->ch_layout) >= 0 &&
+         av_frame_get_buffer(frame, 0) >= 0;
+  }
+  // A frame of silence first, as Init() gives every stream: libavcodec's encoder keeps
+  // something of how a stream begins, and one that begins loud stays coarser (a -1 dBFS
+  // tone: ~34 dB SNR for good, against ~68 dB after silence).
+  int64_t pts = 0;
+  for (size_t i = 0; ok && i <= recent_inputs_.size(); ++i) {
+    ok = av_frame_make_writable(frame) >= 0;
+    if (!ok) break;
+    if (i == 0) {
+      av_samples_set_silence(frame->data, 0, kAacSamplesPerFrame, channels_, AV_SAMPLE_FMT_FLTP);
+    } else {
+      const std::vector<float>& input = recent_inputs_[i - 1];
+      for (int ch = 0; ch < channels_; ++ch) {
+        std::memcpy(frame->data[ch], input.data() + static_cast<size_t>(ch) * kAacSamplesPerFrame,
+                    kAacSamplesPerFrame * sizeof(float));
+      }
+    }
+    frame->pts = pts;
+    pts += kAacSamplesPerFrame;
+    ok = SendAndDrain(two_loop, frame, &packets);
+  }
+  av_frame_free(&frame);
+  if (!ok || packets.size() != recent_inputs_.size()) {
+    TARN_LOG(tarn_logging::LS_ERROR, kLogConfig, this)
+        << "the two-loop coder could not take over (" << packets.size() << " packets)";
+    avcodec_free_context(&two_loop);
+    return false;
+  }
+  *packet = std::move(packets.back());
+  // The fast encoder's last two inputs stay inside it, never to be wanted.
+  avcodec_free_context(&context_);
+  context_ = two_loop;
+  active_coder_ = Coder::kTwoLoop;
+  next_pts_ = pts;
+  CloseChecker();
+  fell_back_ = true;
   return true;
 }
 
@@ -230,7 +426,16 @@ std::shared_ptr<AudioFrame> FfmpegAacEncoder::Encode(std::shared_ptr<AudioFrame>
   }
   frame_->pts = next_pts_;
   next_pts_ += kAacSamplesPerFrame;
-  if (!SendAndDrain(frame_)) return nullptr;
+  if (checker_ != nullptr) {
+    std::vector<float> copy(static_cast<size_t>(kAacSamplesPerFrame) * channels_);
+    for (int ch = 0; ch < channels_; ++ch) {
+      std::memcpy(copy.data() + static_cast<size_t>(ch) * kAacSamplesPerFrame, frame_->data[ch],
+                  kAacSamplesPerFrame * sizeof(float));
+    }
+    recent_inputs_.push_back(std::move(copy));
+    if (recent_inputs_.size() > kTakeOverWarmUpInputs) recent_inputs_.pop_front();
+  }
+  if (!SendAndDrain(context_, frame_, &pending_)) return nullptr;
 
   if (pending_.empty()) {
     TARN_LOG(tarn_logging::LS_ERROR, kLogConfig, this)
@@ -243,21 +448,23 @@ std::shared_ptr<AudioFrame> FfmpegAacEncoder::Encode(std::shared_ptr<AudioFrame>
         << "the aac encoder made " << pending_.size()
         << " packets for one input; the extras go out with later inputs";
   }
+  if (checker_ != nullptr && !CheckPacket(&pending_.front())) return nullptr;
   std::shared_ptr<AudioFrame> output = MakeOutput(pending_.front(), input->GetTimestampInMs());
   pending_.pop_front();
   return output;
 }
 
-bool FfmpegAacEncoder::SendAndDrain(AVFrame* frame) {
-  int ret = avcodec_send_frame(context_, frame);
+bool FfmpegAacEncoder::SendAndDrain(AVCodecContext* context, AVFrame* frame,
+                                    std::deque<std::vector<uint8_t>>* out) {
+  int ret = avcodec_send_frame(context, frame);
   if (ret < 0) {
     TARN_LOG(tarn_logging::LS_ERROR, kLogConfig, this)
         << "avcodec_send_frame: " << FfmpegErrorText(ret);
     return false;
   }
   // Draining after every send means send never meets a full encoder (EAGAIN).
-  while ((ret = avcodec_receive_packet(context_, packet_)) >= 0) {
-    pending_.emplace_back(packet_->data, packet_->data + packet_->size);
+  while ((ret = avcodec_receive_packet(context, packet_)) >= 0) {
+    out->emplace_back(packet_->data, packet_->data + packet_->size);
     av_packet_unref(packet_);
   }
   if (ret != AVERROR(EAGAIN)) {

@@ -30,13 +30,22 @@ namespace audio {
 class FfmpegAacEncoder : public AudioEncoder {
  public:
   // The quantisation search of libavcodec's encoder ("aac_coder").
-  enum class Coder { kTwoLoop, kFast };
-  // Two-loop, chosen with bench/aac_coder_benchmark.cc. Fast costs 0.3-0.4x the CPU on
-  // music and speech and keeps speech closer to the waveform, but in FFmpeg 5.x it falls
-  // apart on loud tones at any bit rate: a 1 kHz sine at -3 dBFS comes back at 13 dB SNR
-  // (two-loop: 40-68 dB). Two-loop takes ~1.6% of a core for 48 kHz stereo music, ~5%
-  // for speech.
-  static constexpr Coder kDefaultCoder = Coder::kTwoLoop;
+  //  kTwoLoop      libavcodec's default: ~1.6% of a core for 48 kHz stereo music at
+  //                196608 b/s, ~4.5% for speech.
+  //  kFast         0.4-0.45x that CPU, and closer to the waveform on speech, a little
+  //                further on music. But its rate control breaks down on loud, sparse
+  //                spectra (a sine near full scale, a sweep): it cannot spend the bit
+  //                budget, raises its quality target to the ceiling, and then clips
+  //                what it quantises (a 1 kHz sine at -3 dBFS: ~13-26 dB SNR).
+  //                Worse: it clips loud tones outright (8-14 dB SNR), budget or not.
+  //  kFastChecked  kFast at 96 kb/s per channel and above (two-loop below), with every
+  //                packet decoded and compared with its input. A loud frame that comes
+  //                back that badly is the breakdown: the packet is re-made by a two-loop
+  //                encoder, warmed up on the last eight inputs, which carries on for the
+  //                rest of the stream. Decoding adds ~2-5% to the fast coder.
+  // See bench/aac_coder_benchmark.cc and bench/RESULTS.md for the measurements.
+  enum class Coder { kTwoLoop, kFast, kFastChecked };
+  static constexpr Coder kDefaultCoder = Coder::kFastChecked;
 
   explicit FfmpegAacEncoder(Coder coder = kDefaultCoder);
   ~FfmpegAacEncoder() override;
@@ -63,16 +72,40 @@ class FfmpegAacEncoder : public AudioEncoder {
   // count is set (non-zero) it must match Init's. Null on any failure, logged.
   std::shared_ptr<AudioFrame> Encode(std::shared_ptr<AudioFrame> input) override;
 
+  // True once a kFastChecked stream has handed over to the two-loop coder.
+  bool fell_back_to_two_loop() const { return fell_back_; }
+
  private:
   void Close();
-  // Hands `frame` to the encoder and moves every packet it makes into pending_.
-  bool SendAndDrain(AVFrame* frame);
+  // Opens libavcodec's aac encoder with `coder` for the current parameters; null, logged,
+  // on failure.
+  AVCodecContext* OpenEncoder(Coder coder);
+  // Hands `frame` to `context` and moves every packet it makes into `out`.
+  bool SendAndDrain(AVCodecContext* context, AVFrame* frame, std::deque<std::vector<uint8_t>>* out);
+  // kFastChecked: decodes `packet` (made for the newest input) and, once three inputs are
+  // in, compares what it completes (the input two pieces back) with that input. On a
+  // breakdown, swaps the packet for a two-loop one and hands the stream over; false only
+  // when that hand-over fails.
+  bool CheckPacket(std::vector<uint8_t>* packet);
+  bool FallBackToTwoLoop(std::vector<uint8_t>* packet);
+  void CloseChecker();
   std::shared_ptr<AudioFrame> MakeOutput(const std::vector<uint8_t>& access_unit,
                                          uint32_t timestamp_ms) const;
 
   const Coder coder_;
+  // What runs: coder_, or two-loop where kFastChecked does not apply or has handed over.
+  Coder active_coder_ = kDefaultCoder;
   AVCodecContext* context_ = nullptr;
   AVFrame* frame_ = nullptr;
+  // kFastChecked until the hand-over: the decoder that checks each packet, its output,
+  // the last inputs as planar float (oldest first; each channel after the other) and
+  // the sizes of the last packets.
+  AVCodecContext* checker_ = nullptr;
+  AVFrame* decoded_ = nullptr;
+  std::deque<std::vector<float>> recent_inputs_;
+  std::deque<int64_t> recent_packet_bits_;
+  int64_t recent_packet_bits_sum_ = 0;
+  bool fell_back_ = false;
   AVPacket* packet_ = nullptr;
   // Access units made but not yet handed out. After the silent pre-feed each send makes
   // exactly one, which Encode() hands out at once, so this is empty between calls.

@@ -1,5 +1,6 @@
 #include "sdk/media/ffmpeg/ffmpeg_aac_encoder.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstring>
 #include <memory>
@@ -164,6 +165,90 @@ TEST(FfmpegAacEncoderTest, DecodedAudioIsTheInputDelayedBy2048Samples) {
       EXPECT_GT(10 * std::log10(signal / noise), channels == 2 ? 40 : 30) << ch;
     }
   }
+}
+
+// The default coder runs libavcodec's fast coder and checks each packet. Music-like
+// audio stays on it; a loud tone (left) over a chord (right), which the fast coder clips,
+// and a loud tone alone, which starves its rate control, are handed to two-loop within a
+// few frames of their onset (one second in), and the join is seamless: every frame but
+// those few decodes close to the input.
+// Mono at the recorder's 71680 b/s is below the fast coder's range and runs two-loop.
+TEST(FfmpegAacEncoderTest, CheckedFastCoderHandsWhatItBreaksToTwoLoop) {
+  constexpr int kPieces = 200;
+  constexpr int kOnsetFrame = 48;
+  static constexpr double kOnset = kOnsetFrame * 1024.0 / kRate;
+  struct Case {
+    const char* what;
+    bool falls_back;
+    double (*left)(double t);
+    double (*right)(double t);
+  };
+  const Case cases[] = {
+      {"music", false,
+       [](double t) {
+         return 0.15 * std::sin(2 * M_PI * 220 * t) + 0.1 * std::sin(2 * M_PI * 277.2 * t) +
+                0.08 * std::sin(2 * M_PI * 329.6 * t) * std::exp(-4 * std::fmod(t, 0.25));
+       },
+       [](double t) {
+         return 0.12 * std::sin(2 * M_PI * 164.8 * t) + 0.1 * std::sin(2 * M_PI * 440 * t + 1) +
+                0.05 * std::sin(2 * M_PI * 1318.5 * t);
+       }},
+      {"tone over chord", true,
+       [](double t) {
+         return t < kOnset ? 0.1 * std::sin(2 * M_PI * 220 * t)
+                           : 0.7 * std::sin(2 * M_PI * 1000 * t);
+       },
+       [](double t) {
+         return 0.1 * std::sin(2 * M_PI * 220 * t) + 0.1 * std::sin(2 * M_PI * 330 * t);
+       }},
+      {"tone", true, [](double t) { return 0.7 * std::sin(2 * M_PI * 5000 * t) * (t >= kOnset); },
+       [](double t) { return 0.7 * std::sin(2 * M_PI * 5000 * t) * (t >= kOnset); }},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    std::vector<int16_t> pcm(size_t(kPieces) * 1024 * 2);
+    for (size_t i = 0; i < pcm.size() / 2; ++i) {
+      pcm[2 * i] = int16_t(std::lround(32767 * c.left(double(i) / kRate)));
+      pcm[2 * i + 1] = int16_t(std::lround(32767 * c.right(double(i) / kRate)));
+    }
+    tarnel_test::ScopedLogCapture logs;
+    FfmpegAacEncoder encoder;
+    AudioEncodeParams params;
+    params.channels = 2;
+    params.bitrate = 196608;
+    ASSERT_TRUE(encoder.Init(params));
+    std::vector<std::shared_ptr<AudioFrame>> frames;
+    for (int n = 0; n < kPieces; ++n) {
+      frames.push_back(encoder.Encode(Piece(&pcm[size_t(n) * 2048], 2)));
+      ASSERT_NE(frames.back(), nullptr) << n;
+    }
+    EXPECT_EQ(encoder.fell_back_to_two_loop(), c.falls_back);
+    EXPECT_EQ(logs.Contains("two-loop from here on"), c.falls_back);
+    const std::vector<float> decoded = Decode(frames, 2);
+    ASSERT_EQ(decoded.size(), pcm.size());
+    // Per 1024-sample frame, both channels; not the first frame, nor the few after the
+    // onset in which the breakdown is seen.
+    double worst_db = 1000;
+    for (int k = 1; k < kPieces - 2; ++k) {
+      if (k >= kOnsetFrame - 1 && k < kOnsetFrame + 4) continue;
+      double signal = 0, noise = 0;
+      for (size_t i = size_t(k) * 2048; i < size_t(k + 1) * 2048; ++i) {
+        const double out = decoded[i + 2 * kDelay];
+        signal += double(pcm[i]) * pcm[i];
+        noise += (out - pcm[i]) * (out - pcm[i]);
+      }
+      if (signal > 0) worst_db = std::min(worst_db, 10 * std::log10(signal / noise));
+    }
+    EXPECT_GT(worst_db, 40) << "worst frame";
+  }
+
+  tarnel_test::ScopedLogCapture logs;
+  FfmpegAacEncoder mono;
+  AudioEncodeParams params;
+  params.channels = 1;
+  params.bitrate = 71680;
+  ASSERT_TRUE(mono.Init(params));
+  EXPECT_TRUE(logs.Contains("coder twoloop"));
 }
 
 }  // namespace

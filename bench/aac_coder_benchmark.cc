@@ -1,12 +1,14 @@
-// AAC encoding cost per 1024-sample piece, for libavcodec's two-loop and fast coders, on
-// a music-like and a speech-like signal and a loud tone, at the recorder's bit rates (48 kHz stereo
-// at 196608 b/s, mono at the default AudioEncodeParams rate).
+// AAC encoding cost per 1024-sample piece, for libavcodec's two-loop and fast coders and
+// the recorder's checked fast coder, on a music-like and a speech-like signal, a loud tone
+// and a loud tone over a quiet chord (tone left, chord right), at the recorder's bit rates
+// (48 kHz stereo at 196608 b/s, mono at the default AudioEncodeParams rate).
 //
 // Each benchmark also encodes its whole signal once, decodes it with libavcodec's aac
 // decoder, drops the 2048-sample delay and reports against the source:
 //   snr_db      SNR over the whole signal;
 //   seg_snr_db  mean of per-1024-sample-block SNRs (each clamped to [-10, 60] dB; silent
-//               blocks skipped), which weighs quiet passages like loud ones.
+//               blocks skipped), which weighs quiet passages like loud ones;
+//   two_loop    1 when the checked coder handed the stream to two-loop.
 // Waveform SNR undersells perceptual tools (noise substitution, intensity stereo), so
 // compare coders against each other, not against a target.
 #include <algorithm>
@@ -39,7 +41,7 @@ constexpr int kSeconds = 10;
 constexpr int kPieces = kSeconds * kRate / kAacSamplesPerFrame;
 constexpr double kPi = 3.14159265358979323846;
 
-enum class Signal { kMusic, kSpeech, kLoudTone };
+enum class Signal { kMusic, kSpeech, kLoudTone, kToneOverChord };
 
 int16_t ToS16(double value) {
   return static_cast<int16_t>(std::lround(std::clamp(value, -1.0, 1.0) * 32767.0));
@@ -144,6 +146,19 @@ std::vector<int16_t> MakeLoudTone(int channels, int samples) {
   return pcm;
 }
 
+// Left: the loud tone; right: a quiet two-note chord. The fast coder spends its whole
+// budget on this and still clips the tone.
+std::vector<int16_t> MakeToneOverChord(int samples) {
+  std::vector<int16_t> pcm(static_cast<size_t>(samples) * 2);
+  for (int i = 0; i < samples; ++i) {
+    const double t = static_cast<double>(i) / kRate;
+    pcm[2 * static_cast<size_t>(i)] = ToS16(0.7 * std::sin(2 * kPi * 1000.0 * t));
+    pcm[2 * static_cast<size_t>(i) + 1] =
+        ToS16(0.1 * std::sin(2 * kPi * 220.0 * t) + 0.1 * std::sin(2 * kPi * 330.0 * t));
+  }
+  return pcm;
+}
+
 std::vector<int16_t> MakeSignal(Signal signal, int channels) {
   const int samples = kPieces * kAacSamplesPerFrame;
   switch (signal) {
@@ -153,6 +168,8 @@ std::vector<int16_t> MakeSignal(Signal signal, int channels) {
       return MakeSpeech(channels, samples);
     case Signal::kLoudTone:
       return MakeLoudTone(channels, samples);
+    case Signal::kToneOverChord:
+      return MakeToneOverChord(samples);  // Stereo only.
   }
   return {};
 }
@@ -205,6 +222,7 @@ std::vector<double> Decode(const std::vector<std::shared_ptr<AudioFrame>>& frame
 struct Quality {
   double snr_db = 0;
   double seg_snr_db = 0;
+  bool two_loop = false;
 };
 
 // Encodes and decodes `pcm` and compares the decoded audio, less the delay, with it.
@@ -249,6 +267,7 @@ Quality Measure(FfmpegAacEncoder::Coder coder, const std::vector<int16_t>& pcm, 
     }
   }
   Quality quality;
+  quality.two_loop = encoder.fell_back_to_two_loop();
   quality.snr_db = 10 * std::log10(signal / std::max(noise, 1e-9));
   quality.seg_snr_db = seg_count > 0 ? seg_sum / seg_count : 0;
   return quality;
@@ -284,6 +303,7 @@ void BM_AacEncodePiece(benchmark::State& state, FfmpegAacEncoder::Coder coder, S
   const Quality quality = Measure(coder, pcm, channels, bitrate);
   state.counters["snr_db"] = quality.snr_db;
   state.counters["seg_snr_db"] = quality.seg_snr_db;
+  state.counters["two_loop"] = quality.two_loop ? 1 : 0;
   // What the encoder actually spent, against the asked-for rate.
   state.counters["kbps"] = static_cast<double>(bytes) * 8 * kRate / kAacSamplesPerFrame /
                            static_cast<double>(state.iterations()) / 1000.0;
@@ -296,14 +316,26 @@ BENCHMARK_CAPTURE(BM_AacEncodePiece, twoloop_music_stereo_196608, Coder::kTwoLoo
                   2, 196608);
 BENCHMARK_CAPTURE(BM_AacEncodePiece, fast_music_stereo_196608, Coder::kFast, Signal::kMusic, 2,
                   196608);
+BENCHMARK_CAPTURE(BM_AacEncodePiece, checked_music_stereo_196608, Coder::kFastChecked,
+                  Signal::kMusic, 2, 196608);
 BENCHMARK_CAPTURE(BM_AacEncodePiece, twoloop_speech_stereo_196608, Coder::kTwoLoop, Signal::kSpeech,
                   2, 196608);
 BENCHMARK_CAPTURE(BM_AacEncodePiece, fast_speech_stereo_196608, Coder::kFast, Signal::kSpeech, 2,
                   196608);
+BENCHMARK_CAPTURE(BM_AacEncodePiece, checked_speech_stereo_196608, Coder::kFastChecked,
+                  Signal::kSpeech, 2, 196608);
 BENCHMARK_CAPTURE(BM_AacEncodePiece, twoloop_loud_tone_stereo_196608, Coder::kTwoLoop,
                   Signal::kLoudTone, 2, 196608);
 BENCHMARK_CAPTURE(BM_AacEncodePiece, fast_loud_tone_stereo_196608, Coder::kFast, Signal::kLoudTone,
                   2, 196608);
+BENCHMARK_CAPTURE(BM_AacEncodePiece, checked_loud_tone_stereo_196608, Coder::kFastChecked,
+                  Signal::kLoudTone, 2, 196608);
+BENCHMARK_CAPTURE(BM_AacEncodePiece, twoloop_tone_over_chord_196608, Coder::kTwoLoop,
+                  Signal::kToneOverChord, 2, 196608);
+BENCHMARK_CAPTURE(BM_AacEncodePiece, fast_tone_over_chord_196608, Coder::kFast,
+                  Signal::kToneOverChord, 2, 196608);
+BENCHMARK_CAPTURE(BM_AacEncodePiece, checked_tone_over_chord_196608, Coder::kFastChecked,
+                  Signal::kToneOverChord, 2, 196608);
 BENCHMARK_CAPTURE(BM_AacEncodePiece, twoloop_music_mono_default, Coder::kTwoLoop, Signal::kMusic, 1,
                   kMonoBitrate);
 BENCHMARK_CAPTURE(BM_AacEncodePiece, fast_music_mono_default, Coder::kFast, Signal::kMusic, 1,

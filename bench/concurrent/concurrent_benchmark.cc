@@ -89,7 +89,9 @@ struct Options {
   bool sweep = false;
   bool keep = false;
   bool machine = false;     // One "result ..." line for --sweep's parent.
-  bool fast_coder = false;  // libavcodec's "fast" AAC coder instead of the recorder's own.
+  // "twoloop" or "fast" put in through the encoder factory; empty: the recorder's own
+  // (fast, checked).
+  std::string aac_coder;
   std::string h264;
   std::string wav;  // 48 kHz stereo s16 WAV to loop instead of the built-in music.
   std::string out_dir;
@@ -343,14 +345,17 @@ double Percentile(std::vector<int32_t>* values, double p) {
   return (*values)[index] / 1000.0;
 }
 
-// Makes AAC encoders with the fast coder, for --aac-coder fast.
-class FastCoderFactory : public tarnel::audio::AudioEncoderFactory2 {
+// Makes AAC encoders with one coder, for --aac-coder.
+class CoderFactory : public tarnel::audio::AudioEncoderFactory2 {
  public:
+  explicit CoderFactory(tarnel::audio::FfmpegAacEncoder::Coder coder) : coder_(coder) {}
   std::unique_ptr<tarnel::audio::AudioEncoder> CreateAudioEncoder(int type) override {
     if (type != tarnel::audio::kAudioEncoderAac) return nullptr;
-    return std::make_unique<tarnel::audio::FfmpegAacEncoder>(
-        tarnel::audio::FfmpegAacEncoder::Coder::kFast);
+    return std::make_unique<tarnel::audio::FfmpegAacEncoder>(coder_);
   }
+
+ private:
+  const tarnel::audio::FfmpegAacEncoder::Coder coder_;
 };
 
 // ---------------------------------------------------------------------------------------
@@ -560,8 +565,12 @@ RunResult RunOnce(const Options& options, const Input& input, const std::string&
   shared.first_video_pts.assign(static_cast<size_t>(n), static_cast<int64_t>(VideoPts(0)));
   g_shared = &shared;
 
-  FastCoderFactory fast_coder;
-  if (options.fast_coder) tarnel::audio::AudioEncoderFactory2::SetInstanceForTesting(&fast_coder);
+  CoderFactory coder_factory(options.aac_coder == "fast"
+                                 ? tarnel::audio::FfmpegAacEncoder::Coder::kFast
+                                 : tarnel::audio::FfmpegAacEncoder::Coder::kTwoLoop);
+  if (!options.aac_coder.empty()) {
+    tarnel::audio::AudioEncoderFactory2::SetInstanceForTesting(&coder_factory);
+  }
   const int64_t rss_before = VmRssKiB();
   ScopedWriterBackendFactoryForTesting measuring(
       [](LocalRecordingSegmentationWriter::Client* client) -> std::unique_ptr<MediaStreamWriter> {
@@ -634,7 +643,9 @@ RunResult RunOnce(const Options& options, const Input& input, const std::string&
   }
   recorders.clear();
   g_shared = nullptr;
-  if (options.fast_coder) tarnel::audio::AudioEncoderFactory2::SetInstanceForTesting(nullptr);
+  if (!options.aac_coder.empty()) {
+    tarnel::audio::AudioEncoderFactory2::SetInstanceForTesting(nullptr);
+  }
 
   result.cpu_percent = 100 * cpu / wall;
   result.other_percent = std::max(0.0, 100 * (busy - cpu) / wall);
@@ -743,7 +754,7 @@ bool RunChild(const Options& options, const std::string& self, const std::string
   std::string command = "'" + self + "' --machine --recorders " + std::to_string(n) +
                         " --seconds " + std::to_string(options.seconds) + " --pacers " +
                         std::to_string(options.pacers) + " --h264 '" + h264 + "'" +
-                        (options.fast_coder ? " --aac-coder fast" : "") +
+                        (options.aac_coder.empty() ? "" : " --aac-coder " + options.aac_coder) +
                         (options.wav.empty() ? "" : " --wav '" + options.wav + "'");
   if (!options.out_dir.empty()) command += " --out-dir '" + options.out_dir + "'";
   FILE* pipe = popen(command.c_str(), "r");
@@ -770,8 +781,8 @@ void Usage() {
       "  --wav FILE     48 kHz stereo s16 WAV to loop    (default: built-in music-like, 8 s)\n"
       "  --out-dir DIR  where the MP4s go (a temp dir under it)          (default /tmp)\n"
       "  --keep         keep the MP4s\n"
-      "  --aac-coder C  twoloop (the recorder's) or fast, libavcodec's cheaper coder,\n"
-      "                 put in through the encoder factory                (default twoloop)\n"
+      "  --aac-coder C  twoloop or fast: that libavcodec coder alone, put in through the\n"
+      "                 encoder factory        (default: the recorder's, fast with checks)\n"
       "  --sweep        N = 10, 25, 50, 75, 100, 150, 200, ... until one fails, then halves\n"
       "                 the gap; or the given list. Reports the largest N sustained: no video\n"
       "                 frame lost, no recorder short of more than 100 ms of audio, p99\n"
@@ -809,7 +820,7 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "error: --aac-coder is fast or twoloop\n");
         return 1;
       }
-      options.fast_coder = coder == "fast";
+      options.aac_coder = coder;
     } else if (arg == "--keep") {
       options.keep = true;
     } else if (arg == "--machine") {
@@ -858,7 +869,7 @@ int main(int argc, char** argv) {
         "(AAC 196608 b/s, %s coder); audio: %s. %ld cores.\n\n",
         options.pacers > 0 ? (std::to_string(options.pacers) + " pacing threads").c_str()
                            : "one video and one audio thread per recorder",
-        options.seconds, options.fast_coder ? "fast" : "twoloop",
+        options.seconds, options.aac_coder.empty() ? "checked fast" : options.aac_coder.c_str(),
         options.wav.empty() ? "built-in music-like loop" : options.wav.c_str(),
         sysconf(_SC_NPROCESSORS_ONLN));
     PrintHeader();

@@ -49,16 +49,19 @@ const char* CoderName(FfmpegAacEncoder::Coder coder) {
   return "twoloop";
 }
 
-// What kFastChecked takes for the fast coder's breakdown, on a frame loud enough to
+// What kFastChecked takes for the fast coder's breakdown, on frames loud enough to
 // matter (mean square over all channels above -20 dBFS):
-//  - below 20 dB SNR: a loud tone it clips (8-14 dB measured, at any bit rate use);
-//    working streams stay above ~21 dB (music 23, a square wave 21.6, speech 28);
-//  - below 30 dB while the last kCheckedWindow packets used under 70% of their share of
-//    the bit rate: its rate control starving on a sparse spectrum (26-28 dB, falling);
-//    a working coder spends its budget, give or take the bit reservoir's swings.
+//  - a frame below 30 dB SNR while the last kCheckedWindow packets used under 70% of
+//    their share of the bit rate: its rate control starving on a sparse spectrum
+//    (26-28 dB, falling). A working coder spends its budget, give or take the bit
+//    reservoir's swings, so the starving is the evidence that this is no passing frame;
+//  - kCheckedPoorFrames of the last kCheckedWindow frames below 17 dB SNR: a loud tone it
+//    clips (7-14 dB measured, budget spent or not, though not on every frame). Working
+//    streams' loud frames stay above ~19 dB (music 19-23, a square wave 21.6, speech
+//    28), and a click (a phase jump, a cut) makes a single poor frame for any coder.
 // A false alarm costs CPU (two-loop for the rest of the stream), never quality.
 constexpr double kCheckedMinMeanSquare = 0.01;
-constexpr double kCheckedMinSnrDb = 20.0;
+constexpr double kCheckedMinSnrDb = 17.0;
 constexpr double kCheckedMinSnrWhenStarvedDb = 30.0;
 constexpr double kCheckedStarvedBudgetShare = 0.7;
 // Below this bit rate per channel the fast coder is not used at all: its loud-tone
@@ -66,6 +69,7 @@ constexpr double kCheckedStarvedBudgetShare = 0.7;
 // two-loop 43 dB), and FFmpeg itself recommends it for high bit rates only.
 constexpr int32_t kFastMinBitratePerChannel = 96000;
 constexpr size_t kCheckedWindow = 8;
+constexpr int kCheckedPoorFrames = 3;
 // Inputs a two-loop encoder taking over is fed first (after a frame of silence): enough
 // history for its psychoacoustic state and block switching to follow the signal by the
 // time its packet joins the fast coder's previous one.
@@ -258,6 +262,8 @@ void FfmpegAacEncoder::CloseChecker() {
   recent_inputs_.clear();
   recent_packet_bits_.clear();
   recent_packet_bits_sum_ = 0;
+  recent_poor_frames_.clear();
+  poor_frame_count_ = 0;
 }
 
 bool FfmpegAacEncoder::CheckPacket(std::vector<uint8_t>* packet) {
@@ -311,14 +317,23 @@ bool FfmpegAacEncoder::CheckPacket(std::vector<uint8_t>* packet) {
                       static_cast<double>(recent_packet_bits_.size());
   const bool starved = recent_packet_bits_.size() == kCheckedWindow &&
                        bits < kCheckedStarvedBudgetShare * budget_bits;
-  const double floor_db = starved ? kCheckedMinSnrWhenStarvedDb : kCheckedMinSnrDb;
-  if (mean_square < kCheckedMinMeanSquare || noise * std::pow(10.0, floor_db / 10.0) <= signal) {
-    return true;
+  const bool loud = mean_square >= kCheckedMinMeanSquare;
+  auto below = [&](double floor_db) { return noise * std::pow(10.0, floor_db / 10.0) > signal; };
+  const bool poor = loud && below(kCheckedMinSnrDb);
+  recent_poor_frames_.push_back(poor);
+  poor_frame_count_ += poor ? 1 : 0;
+  if (recent_poor_frames_.size() > kCheckedWindow) {
+    poor_frame_count_ -= recent_poor_frames_.front() ? 1 : 0;
+    recent_poor_frames_.pop_front();
   }
+  const bool starving = starved && loud && below(kCheckedMinSnrWhenStarvedDb);
+  if (!starving && !(poor && poor_frame_count_ >= kCheckedPoorFrames)) return true;
   const double snr_db = noise > 0.0 ? 10.0 * std::log10(signal / noise) : 0.0;
   TARN_LOG(tarn_logging::LS_WARNING, kLogConfig, this)
-      << "the fast aac coder lost a loud frame (" << static_cast<int>(snr_db)
-      << " dB SNR; its last packets used " << static_cast<int>(100.0 * bits / budget_bits)
+      << "the fast aac coder lost a loud frame (" << static_cast<int>(snr_db) << " dB SNR, "
+      << poor_frame_count_ << " of the last " << recent_poor_frames_.size() << " below "
+      << kCheckedMinSnrDb << " dB; its last packets used "
+      << static_cast<int>(100.0 * bits / budget_bits)
       << "% of the bit rate); two-loop from here on";
   return FallBackToTwoLoop(packet);
 }

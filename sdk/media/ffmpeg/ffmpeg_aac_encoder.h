@@ -39,10 +39,11 @@ class FfmpegAacEncoder : public AudioEncoder {
   //                what it quantises (a 1 kHz sine at -3 dBFS: ~13-26 dB SNR).
   //                Worse: it clips loud tones outright (8-14 dB SNR), budget or not.
   //  kFastChecked  kFast at 96 kb/s per channel and above (two-loop below), with every
-  //                packet decoded and compared with its input. A loud frame that comes
-  //                back that badly is the breakdown: the packet is re-made by a two-loop
-  //                encoder, warmed up on the last eight inputs, which carries on for the
-  //                rest of the stream. Decoding adds ~2-5% to the fast coder.
+  //                packet decoded and compared with its input. Loud frames that come
+  //                back that badly three times in eight are the breakdown: the third
+  //                packet is re-made by a two-loop encoder, warmed up on the last eight
+  //                inputs, which carries on for the rest of the stream. Checking adds
+  //                ~7-13% to the fast coder's CPU (mostly the decoding).
   // See bench/aac_coder_benchmark.cc and bench/RESULTS.md for the measurements.
   enum class Coder { kTwoLoop, kFast, kFastChecked };
   static constexpr Coder kDefaultCoder = Coder::kFastChecked;
@@ -105,6 +106,8 @@ class FfmpegAacEncoder : public AudioEncoder {
   std::deque<std::vector<float>> recent_inputs_;
   std::deque<int64_t> recent_packet_bits_;
   int64_t recent_packet_bits_sum_ = 0;
+  std::deque<bool> recent_poor_frames_;  // Of the last frames checked: came back poorly.
+  int poor_frame_count_ = 0;
   bool fell_back_ = false;
   AVPacket* packet_ = nullptr;
   // Access units made but not yet handed out. After the silent pre-feed each send makes

@@ -88,7 +88,7 @@ struct Options {
   int pacers = 0;  // 0: one video and one audio thread per recorder.
   bool sweep = false;
   bool keep = false;
-  bool machine = false;     // One "result ..." line for --sweep's parent.
+  bool machine = false;  // One "result ..." line for --sweep's parent.
   // "twoloop" or "fast" put in through the encoder factory; empty: the recorder's own
   // (fast, checked).
   std::string aac_coder;

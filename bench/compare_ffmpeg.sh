@@ -344,10 +344,15 @@ w('Wall time: `tarnel-record --fast` stays at most 10 s of media ahead of what t
   'has written, and the recorder writes every 150 ms, so its wall time is set by that pacing '
   'more than by CPU (see the MKV run: %.2f s CPU in %.2f s).\n' % (stat('tarnel_mkv', 0),
                                                                   stat('tarnel_mkv', 1)))
-short = [(s_, (Q[s_, 'tarnel_mp4'][0] - Q[s_, 'tarnel_mp4'][1]) / 48.0) for s_ in ('music', 'speech')]
-w('Length: tarnel\'s decoded audio is %s shorter than the source (missing at the end); '
-  'FFmpeg\'s is longer by its last frame\'s padding.\n' % ', '.join(
-    '%.1f ms (%s)' % (ms, s_) for s_, ms in short))
+def length_note(name):
+    notes = []
+    for s_ in ('music', 'speech'):
+        ms = (Q[s_, name][1] - Q[s_, name][0]) / 48.0
+        notes.append('%.1f ms %s (%s)' % (abs(ms), 'longer' if ms >= 0 else 'shorter', s_))
+    return ', '.join(notes)
+w('Length of the decoded audio against the source: tarnel %s; FFmpeg (defaults) %s. Longer '
+  'is the last AAC frame\'s padding; shorter, audio missing at the end.\n' % (
+    length_note('tarnel_mp4'), length_note('ffmpeg_mp4_def')))
 w('tarnel-record also re-reads the finished file once to count the packets it holds (its '
   'summary), which is in its figures.\n')
 w('tarnel-record\'s own summary of the last timed MP4 run: `%s`\n' % env['TARNEL_JSON'].strip())

@@ -1,5 +1,6 @@
 // Per-frame costs on the recorder's worker thread: finding the parameter sets of a key
-// frame, and re-cutting PCM into encoder-sized pieces.
+// frame, and re-cutting PCM into encoder-sized pieces; and on the writer's: turning an
+// Annex-B access unit into the length-prefixed form MP4 and MKV store.
 #include <cstdint>
 #include <memory>
 #include <random>
@@ -8,6 +9,7 @@
 #include "benchmark/benchmark.h"
 #include "sdk/media/audio_frame.h"
 #include "sdk/media/audio_frame_ring_buffer.h"
+#include "sdk/media_stream_writer/ffmpeg/codec_config.h"
 #include "sdk/media_stream_writer/video_parser.h"
 
 namespace {
@@ -52,6 +54,17 @@ void BM_AvcParameterSetsOfKeyFrame(benchmark::State& state) {
                           static_cast<int64_t>(au.size()));
 }
 BENCHMARK(BM_AvcParameterSetsOfKeyFrame);
+
+void BM_AnnexBToLengthPrefixedKeyFrame(benchmark::State& state) {
+  const std::vector<uint8_t> au = MakeKeyFrame();
+  for (auto _ : state) {
+    auto out = tarnel::media_stream_writer::AnnexBToLengthPrefixed(au.data(), au.size());
+    benchmark::DoNotOptimize(out.data());
+  }
+  state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) *
+                          static_cast<int64_t>(au.size()));
+}
+BENCHMARK(BM_AnnexBToLengthPrefixedKeyFrame);
 
 // One iteration: one 10 ms 48 kHz stereo frame in, every whole 4096-byte piece out.
 void BM_RingBufferTenMsFramesInto4096BytePieces(benchmark::State& state) {

@@ -442,13 +442,18 @@ std::shared_ptr<AudioFrame> FfmpegAacEncoder::Encode(std::shared_ptr<AudioFrame>
   frame_->pts = next_pts_;
   next_pts_ += kAacSamplesPerFrame;
   if (checker_ != nullptr) {
-    std::vector<float> copy(static_cast<size_t>(kAacSamplesPerFrame) * channels_);
+    // The oldest copy's buffer is reused once the history is full.
+    std::vector<float> copy;
+    if (recent_inputs_.size() == kTakeOverWarmUpInputs) {
+      copy = std::move(recent_inputs_.front());
+      recent_inputs_.pop_front();
+    }
+    copy.resize(static_cast<size_t>(kAacSamplesPerFrame) * channels_);
     for (int ch = 0; ch < channels_; ++ch) {
       std::memcpy(copy.data() + static_cast<size_t>(ch) * kAacSamplesPerFrame, frame_->data[ch],
                   kAacSamplesPerFrame * sizeof(float));
     }
     recent_inputs_.push_back(std::move(copy));
-    if (recent_inputs_.size() > kTakeOverWarmUpInputs) recent_inputs_.pop_front();
   }
   if (!SendAndDrain(context_, frame_, &pending_)) return nullptr;
 

@@ -81,10 +81,18 @@ void PutU16(Bytes* out, size_t value) {
   out->push_back(static_cast<uint8_t>(value));
 }
 
-// Position of the 0x01 ending the first 00 00 01 at or after `from`, or `size`.
+// Position of the 0x01 ending the first 00 00 01 at or after `from`, or `size`. Slice
+// data holds a 0x01 about once in 256 bytes, so looking for those with memchr (vectorised
+// in libc) and checking the two bytes before each is several times faster than testing
+// every byte: the writer runs this over every access unit.
 size_t FindStartCode(const uint8_t* data, size_t size, size_t from) {
-  for (size_t i = from + 2; i < size; ++i) {
-    if (data[i] == 1 && data[i - 1] == 0 && data[i - 2] == 0) return i;
+  size_t i = from + 2;
+  while (i < size) {
+    const void* one = std::memchr(data + i, 1, size - i);
+    if (one == nullptr) return size;
+    i = static_cast<size_t>(static_cast<const uint8_t*>(one) - data);
+    if (data[i - 1] == 0 && data[i - 2] == 0) return i;
+    ++i;
   }
   return size;
 }

@@ -51,10 +51,11 @@ const char* CoderName(FfmpegAacEncoder::Coder coder) {
 
 // What kFastChecked takes for the fast coder's breakdown, on frames loud enough to
 // matter (mean square over all channels above -20 dBFS):
-//  - a frame below 30 dB SNR while the last kCheckedWindow packets used under 70% of
-//    their share of the bit rate: its rate control starving on a sparse spectrum
-//    (26-28 dB, falling). A working coder spends its budget, give or take the bit
-//    reservoir's swings, so the starving is the evidence that this is no passing frame;
+//  - a frame below 30 dB SNR while the packets of the last kCheckedWindow frames, all
+//    loud, used under 70% of their share of the bit rate: its rate control starving on
+//    a sparse spectrum (26-28 dB, falling). A working coder spends its budget, give or
+//    take the bit reservoir's swings, so the starving is the evidence that this is no
+//    passing frame (quiet frames do not count: after a pause any coder under-spends);
 //  - kCheckedPoorFrames of the last kCheckedWindow frames below 17 dB SNR: a loud tone it
 //    clips (7-14 dB measured, budget spent or not, though not on every frame). Working
 //    streams' loud frames stay above ~19 dB (music 19-23, a square wave 21.6, speech
@@ -81,16 +82,20 @@ FfmpegAacEncoder::FfmpegAacEncoder(Coder coder) : coder_(coder) {}
 
 FfmpegAacEncoder::~FfmpegAacEncoder() { Close(); }
 
-void FfmpegAacEncoder::Close() {
-  if (context_ != nullptr && packet_ != nullptr && avcodec_is_open(context_)) {
+void FfmpegAacEncoder::FreeEncoder(AVCodecContext** context) {
+  if (*context != nullptr && packet_ != nullptr && avcodec_is_open(*context)) {
     // The last two pieces are still inside the encoder and have no caller to go to.
     // Draining them anyway keeps libavcodec from warning about frames left in its queue
     // on every close.
-    if (avcodec_send_frame(context_, nullptr) >= 0) {
-      while (avcodec_receive_packet(context_, packet_) >= 0) av_packet_unref(packet_);
+    if (avcodec_send_frame(*context, nullptr) >= 0) {
+      while (avcodec_receive_packet(*context, packet_) >= 0) av_packet_unref(packet_);
     }
   }
-  avcodec_free_context(&context_);
+  avcodec_free_context(context);
+}
+
+void FfmpegAacEncoder::Close() {
+  FreeEncoder(&context_);
   av_frame_free(&frame_);
   av_packet_free(&packet_);
   CloseChecker();
@@ -289,12 +294,6 @@ bool FfmpegAacEncoder::CheckPacket(std::vector<uint8_t>* packet) {
     CloseChecker();
     return true;
   }
-  recent_packet_bits_.push_back(static_cast<int64_t>(packet->size()) * 8);
-  recent_packet_bits_sum_ += recent_packet_bits_.back();
-  if (recent_packet_bits_.size() > kCheckedWindow) {
-    recent_packet_bits_sum_ -= recent_packet_bits_.front();
-    recent_packet_bits_.pop_front();
-  }
   if (recent_inputs_.size() < 3) return true;  // Still the encoder's priming.
 
   // The decoded frame completes the input two pieces back.
@@ -312,12 +311,27 @@ bool FfmpegAacEncoder::CheckPacket(std::vector<uint8_t>* packet) {
   }
   av_frame_unref(decoded_);
   const double mean_square = signal / (kAacSamplesPerFrame * channels_);
+  const bool loud = mean_square >= kCheckedMinMeanSquare;
+  // Starving is judged on loud frames only: after a quiet stretch (a pause, filled
+  // silence) the coder's packets are small for want of anything to code.
+  if (loud) {
+    recent_packet_bits_.push_back(static_cast<int64_t>(packet->size()) * 8);
+    recent_packet_bits_sum_ += recent_packet_bits_.back();
+    if (recent_packet_bits_.size() > kCheckedWindow) {
+      recent_packet_bits_sum_ -= recent_packet_bits_.front();
+      recent_packet_bits_.pop_front();
+    }
+  } else {
+    recent_packet_bits_.clear();
+    recent_packet_bits_sum_ = 0;
+  }
   const double budget_bits = static_cast<double>(bitrate_) * kAacSamplesPerFrame / sample_rate_;
-  const double bits = static_cast<double>(recent_packet_bits_sum_) /
-                      static_cast<double>(recent_packet_bits_.size());
+  const double bits = recent_packet_bits_.empty()
+                          ? budget_bits
+                          : static_cast<double>(recent_packet_bits_sum_) /
+                                static_cast<double>(recent_packet_bits_.size());
   const bool starved = recent_packet_bits_.size() == kCheckedWindow &&
                        bits < kCheckedStarvedBudgetShare * budget_bits;
-  const bool loud = mean_square >= kCheckedMinMeanSquare;
   auto below = [&](double floor_db) { return noise * std::pow(10.0, floor_db / 10.0) > signal; };
   const bool poor = loud && below(kCheckedMinSnrDb);
   recent_poor_frames_.push_back(poor);
@@ -383,7 +397,7 @@ bool FfmpegAacEncoder::FallBackToTwoLoop(std::vector<uint8_t>* packet) {
   }
   *packet = std::move(packets.back());
   // The fast encoder's last two inputs stay inside it, never to be wanted.
-  avcodec_free_context(&context_);
+  FreeEncoder(&context_);
   context_ = two_loop;
   active_coder_ = Coder::kTwoLoop;
   next_pts_ = pts;

@@ -78,6 +78,8 @@ class FfmpegAacEncoder : public AudioEncoder {
 
  private:
   void Close();
+  // Drains (and drops) what `*context` still holds, then frees it.
+  void FreeEncoder(AVCodecContext** context);
   // Opens libavcodec's aac encoder with `coder` for the current parameters; null, logged,
   // on failure.
   AVCodecContext* OpenEncoder(Coder coder);

@@ -75,6 +75,9 @@ constexpr int kCheckedPoorFrames = 3;
 // history for its psychoacoustic state and block switching to follow the signal by the
 // time its packet joins the fast coder's previous one.
 constexpr size_t kTakeOverWarmUpInputs = 8;
+// Packets the checked coder keeps back: a breakdown is seen on the frame two inputs
+// back, after up to three poor frames, so the hand-over re-makes those packets too.
+constexpr size_t kCheckedHoldBack = 2;
 
 }  // namespace
 
@@ -204,17 +207,21 @@ bool FfmpegAacEncoder::Init(const AudioEncodeParams& params) {
   // The encoder holds back the packet of its first frame (it needs the next frame's
   // look-ahead). One frame of silence now means the first real input already yields a
   // packet, and so does every one after it. That packet decodes to the encoder's
-  // priming (initial_padding) and then the silence, hence the delay.
+  // priming (initial_padding) and then the silence, hence the delay. The checked coder
+  // also keeps its newest packets back (kCheckedHoldBack more frames of silence fill
+  // that queue), so that a hand-over can re-make the ones around the breakdown.
+  holdback_ = checker_ != nullptr ? kCheckedHoldBack : 0;
   av_samples_set_silence(frame_->data, 0, kAacSamplesPerFrame, channels_, AV_SAMPLE_FMT_FLTP);
-  frame_->pts = next_pts_;
-  next_pts_ += kAacSamplesPerFrame;
-  if (!SendAndDrain(context_, frame_, &pending_)) {
-    Close();
-    return false;
+  for (size_t i = 0; i <= holdback_; ++i) {
+    if (!SendInput()) {
+      Close();
+      return false;
+    }
   }
-  // FFmpeg 5.x makes no packet here. A build that did would leave one queued, and each
-  // Encode() would still return the packet one frame behind its input: same delay.
-  priming_samples_ = context_->initial_padding + kAacSamplesPerFrame;
+  // FFmpeg 5.x makes no packet for the first frame. A build that did would leave one more
+  // queued, and each Encode() would still return the packet one frame behind: same delay.
+  priming_samples_ =
+      context_->initial_padding + static_cast<int32_t>(1 + holdback_) * kAacSamplesPerFrame;
   TARN_LOG(tarn_logging::LS_INFO, kLogConfig, this)
       << "aac encoder open: " << sample_rate_ << " Hz, " << channels_ << " channels, " << bitrate_
       << " b/s, coder " << CoderName(active_coder_) << ", delay " << priming_samples_ << " samples"
@@ -271,7 +278,8 @@ void FfmpegAacEncoder::CloseChecker() {
   poor_frame_count_ = 0;
 }
 
-bool FfmpegAacEncoder::CheckPacket(std::vector<uint8_t>* packet) {
+bool FfmpegAacEncoder::CheckPacket() {
+  std::vector<uint8_t>* packet = &pending_.back();
   int ret = av_new_packet(packet_, static_cast<int>(packet->size()));
   if (ret >= 0) {
     std::memcpy(packet_->data, packet->data(), packet->size());
@@ -349,15 +357,16 @@ bool FfmpegAacEncoder::CheckPacket(std::vector<uint8_t>* packet) {
       << kCheckedMinSnrDb << " dB; its last packets used "
       << static_cast<int>(100.0 * bits / budget_bits)
       << "% of the bit rate); two-loop from here on";
-  return FallBackToTwoLoop(packet);
+  return FallBackToTwoLoop();
 }
 
-bool FfmpegAacEncoder::FallBackToTwoLoop(std::vector<uint8_t>* packet) {
+bool FfmpegAacEncoder::FallBackToTwoLoop() {
   AVCodecContext* two_loop = OpenEncoder(Coder::kTwoLoop);
   if (two_loop == nullptr) return false;
-  // Fed the last inputs up to input n, a fresh encoder's last packet covers the frame
-  // pair (input n-2, input n-1): the same span as `packet`, so it takes that packet's
-  // place, and the next input gets a packet that continues seamlessly.
+  // Fed the last inputs up to input n, a fresh encoder's last packets cover the same
+  // spans as the last packets in pending_ (the newest: inputs n-2 and n-1), so they take
+  // the places of those not yet handed out, and the next input gets a packet that
+  // continues seamlessly.
   AVFrame* frame = av_frame_alloc();
   std::deque<std::vector<uint8_t>> packets;
   bool ok = frame != nullptr;
@@ -395,7 +404,10 @@ bool FfmpegAacEncoder::FallBackToTwoLoop(std::vector<uint8_t>* packet) {
     avcodec_free_context(&two_loop);
     return false;
   }
-  *packet = std::move(packets.back());
+  for (auto mine = pending_.rbegin(), theirs = packets.rbegin();
+       mine != pending_.rend() && theirs != packets.rend(); ++mine, ++theirs) {
+    *mine = std::move(*theirs);
+  }
   // The fast encoder's last two inputs stay inside it, never to be wanted.
   FreeEncoder(&context_);
   context_ = two_loop;
@@ -453,6 +465,24 @@ std::shared_ptr<AudioFrame> FfmpegAacEncoder::Encode(std::shared_ptr<AudioFrame>
       plane[i] = static_cast<float>(sample) * (1.0f / 32768.0f);
     }
   }
+  if (!SendInput()) return nullptr;
+  if (pending_.size() <= holdback_) {
+    TARN_LOG(tarn_logging::LS_ERROR, kLogConfig, this)
+        << "the aac encoder made no packet for input at " << input->GetTimestampInMs() << " ms";
+    return nullptr;
+  }
+  if (pending_.size() > holdback_ + 1 && !warned_extra_packets_) {
+    warned_extra_packets_ = true;
+    TARN_LOG(tarn_logging::LS_WARNING, kLogConfig, this)
+        << "the aac encoder made " << pending_.size() - holdback_
+        << " packets for one input; the extras go out with later inputs";
+  }
+  std::shared_ptr<AudioFrame> output = MakeOutput(pending_.front(), input->GetTimestampInMs());
+  pending_.pop_front();
+  return output;
+}
+
+bool FfmpegAacEncoder::SendInput() {
   frame_->pts = next_pts_;
   next_pts_ += kAacSamplesPerFrame;
   if (checker_ != nullptr) {
@@ -469,23 +499,9 @@ std::shared_ptr<AudioFrame> FfmpegAacEncoder::Encode(std::shared_ptr<AudioFrame>
     }
     recent_inputs_.push_back(std::move(copy));
   }
-  if (!SendAndDrain(context_, frame_, &pending_)) return nullptr;
-
-  if (pending_.empty()) {
-    TARN_LOG(tarn_logging::LS_ERROR, kLogConfig, this)
-        << "the aac encoder made no packet for input at " << input->GetTimestampInMs() << " ms";
-    return nullptr;
-  }
-  if (pending_.size() > 1 && !warned_extra_packets_) {
-    warned_extra_packets_ = true;
-    TARN_LOG(tarn_logging::LS_WARNING, kLogConfig, this)
-        << "the aac encoder made " << pending_.size()
-        << " packets for one input; the extras go out with later inputs";
-  }
-  if (checker_ != nullptr && !CheckPacket(&pending_.front())) return nullptr;
-  std::shared_ptr<AudioFrame> output = MakeOutput(pending_.front(), input->GetTimestampInMs());
-  pending_.pop_front();
-  return output;
+  const size_t before = pending_.size();
+  if (!SendAndDrain(context_, frame_, &pending_)) return false;
+  return checker_ == nullptr || pending_.size() == before || CheckPacket();
 }
 
 bool FfmpegAacEncoder::SendAndDrain(AVCodecContext* context, AVFrame* frame,

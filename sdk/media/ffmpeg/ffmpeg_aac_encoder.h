@@ -7,8 +7,8 @@
 //   std::shared_ptr<AudioFrame> au = encoder.Encode(pcm_piece);  // 1024 samples/channel
 //
 // Every Encode() returns exactly one access unit, from the first call on. The audio it
-// decodes to begins GetPrimingSamples() (2048) samples before the input piece's timestamp
-// it carries; the container shifts it back and hides the delay with an edit list.
+// decodes to begins GetPrimingSamples() (2048, or 4096 for the checked fast coder)
+// samples before the input piece's timestamp it carries; the writer shifts it back.
 #ifndef SDK_MEDIA_FFMPEG_FFMPEG_AAC_ENCODER_H_
 #define SDK_MEDIA_FFMPEG_FFMPEG_AAC_ENCODER_H_
 
@@ -39,11 +39,12 @@ class FfmpegAacEncoder : public AudioEncoder {
   //                what it quantises (a 1 kHz sine at -3 dBFS: ~13-26 dB SNR).
   //                Worse: it clips loud tones outright (8-14 dB SNR), budget or not.
   //  kFastChecked  kFast at 96 kb/s per channel and above (two-loop below), with every
-  //                packet decoded and compared with its input. Loud frames that come
-  //                back that badly three times in eight are the breakdown: the third
-  //                packet is re-made by a two-loop encoder, warmed up on the last eight
-  //                inputs, which carries on for the rest of the stream. Checking adds
-  //                ~7-13% to the fast coder's CPU (mostly the decoding).
+  //                packet decoded and compared with its input. A loud frame that comes
+  //                back badly while the coder starves, or three of the last eight loud
+  //                frames clipped, are the breakdown: the packets not yet handed out
+  //                (two are kept back) are re-made by a two-loop encoder, warmed up on
+  //                the last eight inputs, which carries on for the rest of the stream.
+  //                Checking adds ~7-13% to the fast coder's CPU (mostly the decoding).
   // See bench/aac_coder_benchmark.cc and bench/RESULTS.md for the measurements.
   enum class Coder { kTwoLoop, kFast, kFastChecked };
   static constexpr Coder kDefaultCoder = Coder::kFastChecked;
@@ -66,7 +67,8 @@ class FfmpegAacEncoder : public AudioEncoder {
   // libavcodec's encoder primes 1024 samples (its initial_padding), and Init() feeds
   // 1024 samples of silence ahead of the input so that every later send yields one
   // packet; both delay what a packet decodes to relative to the input piece it is
-  // returned for: 2048 once initialised, 0 before.
+  // returned for: 2048 once initialised, 0 before. The checked fast coder keeps two more
+  // packets back (4096).
   int32_t GetPrimingSamples() const override;
 
   // `input` must be PCM of GetInputSizeInBytes() bytes; when its sample rate or channel
@@ -85,12 +87,16 @@ class FfmpegAacEncoder : public AudioEncoder {
   AVCodecContext* OpenEncoder(Coder coder);
   // Hands `frame` to `context` and moves every packet it makes into `out`.
   bool SendAndDrain(AVCodecContext* context, AVFrame* frame, std::deque<std::vector<uint8_t>>* out);
-  // kFastChecked: decodes `packet` (made for the newest input) and, once three inputs are
-  // in, compares what it completes (the input two pieces back) with that input. On a
+  // kFastChecked: decodes the newest packet in pending_ and, once three frames are in,
+  // compares what it completes (the frame two back) with that frame. On a
   // breakdown, swaps the packet for a two-loop one and hands the stream over; false only
   // when that hand-over fails.
-  bool CheckPacket(std::vector<uint8_t>* packet);
-  bool FallBackToTwoLoop(std::vector<uint8_t>* packet);
+  bool CheckPacket();
+  // Re-makes the packets in pending_ with a two-loop encoder, which carries on.
+  bool FallBackToTwoLoop();
+  // Sends frame_ (stamped next) to the encoder, keeps a copy for the check, and checks
+  // the packet it makes.
+  bool SendInput();
   void CloseChecker();
   std::shared_ptr<AudioFrame> MakeOutput(const std::vector<uint8_t>& access_unit,
                                          uint32_t timestamp_ms) const;
@@ -112,8 +118,8 @@ class FfmpegAacEncoder : public AudioEncoder {
   int poor_frame_count_ = 0;
   bool fell_back_ = false;
   AVPacket* packet_ = nullptr;
-  // Access units made but not yet handed out. After the silent pre-feed each send makes
-  // exactly one, which Encode() hands out at once, so this is empty between calls.
+  // Access units made but not yet handed out: holdback_ of them between calls. After the
+  // silent pre-feed each send makes exactly one, and Encode() hands out the oldest.
   // Should the encoder ever make more (it does not in FFmpeg 5.x), the extras wait here
   // and go out with the next inputs' timestamps, one piece late each.
   std::deque<std::vector<uint8_t>> pending_;
@@ -125,6 +131,7 @@ class FfmpegAacEncoder : public AudioEncoder {
   bool adts_ = false;
   int sampling_frequency_index_ = 0;  // For ADTS headers.
   bool warned_extra_packets_ = false;
+  size_t holdback_ = 0;  // Packets kept in pending_ between calls.
 };
 
 }  // namespace audio

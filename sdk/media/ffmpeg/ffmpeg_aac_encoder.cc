@@ -37,6 +37,21 @@ int SamplingFrequencyIndex(int sample_rate) {
   return -1;
 }
 
+// A writable frame of one 1024-sample piece in the native encoder's planar float, for
+// `context`'s rate and channels; null when out of memory.
+AVFrame* AllocInputFrame(const AVCodecContext* context) {
+  AVFrame* frame = av_frame_alloc();
+  if (frame == nullptr) return nullptr;
+  frame->format = AV_SAMPLE_FMT_FLTP;
+  frame->sample_rate = context->sample_rate;
+  frame->nb_samples = kAacSamplesPerFrame;
+  if (av_channel_layout_copy(&frame->ch_layout, &context->ch_layout) < 0 ||
+      av_frame_get_buffer(frame, 0) < 0) {
+    av_frame_free(&frame);
+  }
+  return frame;
+}
+
 const char* CoderName(FfmpegAacEncoder::Coder coder) {
   switch (coder) {
     case FfmpegAacEncoder::Coder::kTwoLoop:
@@ -146,9 +161,8 @@ bool FfmpegAacEncoder::Init(const AudioEncodeParams& params) {
   sample_rate_ = params.sample_rate;
   channels_ = params.channels;
   bitrate_ = params.bitrate;
-  frame_ = av_frame_alloc();
   packet_ = av_packet_alloc();
-  if (frame_ == nullptr || packet_ == nullptr) {
+  if (packet_ == nullptr) {
     TARN_LOG(tarn_logging::LS_ERROR, kLogConfig, this) << "out of memory";
     Close();
     return false;
@@ -189,14 +203,9 @@ bool FfmpegAacEncoder::Init(const AudioEncodeParams& params) {
     }
   }
 
-  frame_->format = AV_SAMPLE_FMT_FLTP;
-  frame_->sample_rate = params.sample_rate;
-  frame_->nb_samples = kAacSamplesPerFrame;
-  int ret = av_channel_layout_copy(&frame_->ch_layout, &context_->ch_layout);
-  if (ret >= 0) ret = av_frame_get_buffer(frame_, 0);
-  if (ret < 0) {
-    TARN_LOG(tarn_logging::LS_ERROR, kLogConfig, this)
-        << "cannot allocate the input frame: " << FfmpegErrorText(ret);
+  frame_ = AllocInputFrame(context_);
+  if (frame_ == nullptr) {
+    TARN_LOG(tarn_logging::LS_ERROR, kLogConfig, this) << "cannot allocate the input frame";
     Close();
     return false;
   }
@@ -367,16 +376,9 @@ bool FfmpegAacEncoder::FallBackToTwoLoop() {
   // spans as the last packets in pending_ (the newest: inputs n-2 and n-1), so they take
   // the places of those not yet handed out, and the next input gets a packet that
   // continues seamlessly.
-  AVFrame* frame = av_frame_alloc();
+  AVFrame* frame = AllocInputFrame(two_loop);
   std::deque<std::vector<uint8_t>> packets;
   bool ok = frame != nullptr;
-  if (ok) {
-    frame->format = AV_SAMPLE_FMT_FLTP;
-    frame->sample_rate = sample_rate_;
-    frame->nb_samples = kAacSamplesPerFrame;
-    ok = av_channel_layout_copy(&frame->ch_layout, &two_loop->ch_layout) >= 0 &&
-         av_frame_get_buffer(frame, 0) >= 0;
-  }
   // A frame of silence first, as Init() gives every stream: libavcodec's encoder keeps
   // something of how a stream begins, and one that begins loud stays coarser (a -1 dBFS
   // tone: ~34 dB SNR for good, against ~68 dB after silence).

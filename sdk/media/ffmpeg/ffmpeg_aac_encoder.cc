@@ -14,6 +14,7 @@ extern "C" {
 }
 
 #include "sdk/base/logging.h"
+#include "sdk/media/aac/aac_syntax.h"
 #include "sdk/media/ffmpeg/ffmpeg_error.h"
 
 namespace tarnel {
@@ -24,18 +25,7 @@ namespace {
 constexpr tarn_logging::LogConfig kLogConfig{"aac_encoder"};
 
 constexpr int32_t kAacLcObjectType = 2;
-constexpr int kAdtsHeaderSize = 7;
-
-// MPEG-4 audio sampling frequency table; an ADTS header carries the index.
-constexpr int kSamplingFrequencies[] = {96000, 88200, 64000, 48000, 44100, 32000, 24000,
-                                        22050, 16000, 12000, 11025, 8000,  7350};
-
-int SamplingFrequencyIndex(int sample_rate) {
-  for (int i = 0; i < static_cast<int>(sizeof(kSamplingFrequencies) / sizeof(int)); ++i) {
-    if (kSamplingFrequencies[i] == sample_rate) return i;
-  }
-  return -1;
-}
+constexpr int kAdtsVariableRate = 0x7FF;  // buffer_fullness of a variable-rate stream.
 
 // A writable frame of one 1024-sample piece in the native encoder's planar float, for
 // `context`'s rate and channels; null when out of memory.
@@ -151,7 +141,7 @@ bool FfmpegAacEncoder::Init(const AudioEncodeParams& params) {
     TARN_LOG(tarn_logging::LS_ERROR, kLogConfig, this) << "bad bit rate " << params.bitrate;
     return false;
   }
-  const int frequency_index = SamplingFrequencyIndex(params.sample_rate);
+  const int frequency_index = aac::SamplingFrequencyIndex(params.sample_rate);
   if (frequency_index < 0) {
     TARN_LOG(tarn_logging::LS_ERROR, kLogConfig, this)
         << "AAC has no sample rate " << params.sample_rate;
@@ -531,20 +521,12 @@ std::shared_ptr<AudioFrame> FfmpegAacEncoder::MakeOutput(const std::vector<uint8
                                                          uint32_t timestamp_ms) const {
   auto output = std::make_shared<AudioFrame>();
   if (adts_) {
-    // A 7-byte header without CRC: MPEG-4, AAC-LC, one raw data block, buffer
-    // fullness 0x7FF (variable rate). An AAC-LC frame holds at most 6144 bits per
-    // channel, so two channels always fit the 13-bit frame length.
-    const size_t adts_length = access_unit.size() + kAdtsHeaderSize;
-    std::vector<uint8_t> bytes(adts_length);
-    bytes[0] = 0xFF;
-    bytes[1] = 0xF1;
-    bytes[2] = static_cast<uint8_t>(((kAacLcObjectType - 1) << 6) |
-                                    (sampling_frequency_index_ << 2) | ((channels_ >> 2) & 1));
-    bytes[3] = static_cast<uint8_t>(((channels_ & 3) << 6) | ((adts_length >> 11) & 3));
-    bytes[4] = static_cast<uint8_t>((adts_length >> 3) & 0xFF);
-    bytes[5] = static_cast<uint8_t>(((adts_length & 7) << 5) | 0x1F);
-    bytes[6] = 0xFC;
-    std::memcpy(bytes.data() + kAdtsHeaderSize, access_unit.data(), access_unit.size());
+    // A 7-byte header without CRC, buffer fullness 0x7FF (variable rate). An AAC-LC frame
+    // holds at most 6144 bits per channel, so two channels always fit the 13-bit length.
+    std::vector<uint8_t> bytes(access_unit.size() + aac::kAdtsHeaderBytes);
+    aac::WriteAdtsHeader(bytes.data(), sampling_frequency_index_, channels_,
+                         static_cast<int>(access_unit.size()), kAdtsVariableRate);
+    std::memcpy(bytes.data() + aac::kAdtsHeaderBytes, access_unit.data(), access_unit.size());
     output->SetData(bytes.data(), bytes.size());
   } else {
     output->SetData(access_unit.data(), access_unit.size());

@@ -1,0 +1,580 @@
+#include "sdk/media/aac/aac_syntax.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+#include <random>
+#include <vector>
+
+extern "C" {
+#include <libavcodec/avcodec.h>
+}
+
+#include "gtest/gtest.h"
+#include "sdk/media/aac/aac_tables.h"
+
+// The streams written here are decoded with libavcodec's AAC decoder and compared with a
+// synthesis written from the textbook formulas:
+//   x = sign(q) |q|^(4/3) 2^((sf - 100) / 4)             per line, band scalefactor sf
+//   l = m + s, r = m - s                                 on M/S bands
+//   y[n] = 2/N sum_k x[k] cos(2 pi / N (n + 1/4 N + 1/2)(k + 1/2))   N = 2048 or 256
+//   sine windows, overlap-add.
+// libavcodec's float output equals that synthesis divided by 32768 (fitted: 1/32768 to
+// within 1e-6 relative). A quantised spectrum is thus in units of 16-bit PCM once the
+// inverse transform carries its 2/N: a forward MDCT X[k] = sum_n w[n] x[n] cos(...) of
+// PCM at s16 scale quantises to q = (|X| 2^(-(sf-100)/4))^(3/4).
+
+namespace tarnel {
+namespace audio {
+namespace aac {
+namespace {
+
+constexpr int kRate = 48000;
+constexpr double kOutputScale = 1.0 / 32768;
+
+// ----- libavcodec decoding -----
+
+class Decoder {
+ public:
+  // With `config` (an AudioSpecificConfig) for raw blocks, without it for ADTS.
+  explicit Decoder(const uint8_t* config, int config_size) {
+    const AVCodec* codec = avcodec_find_decoder(AV_CODEC_ID_AAC);
+    context_ = avcodec_alloc_context3(codec);
+    if (config_size > 0) {
+      context_->extradata = static_cast<uint8_t*>(
+          av_mallocz(static_cast<size_t>(config_size) + AV_INPUT_BUFFER_PADDING_SIZE));
+      std::memcpy(context_->extradata, config, static_cast<size_t>(config_size));
+      context_->extradata_size = config_size;
+    }
+    EXPECT_GE(avcodec_open2(context_, codec, nullptr), 0);
+    packet_ = av_packet_alloc();
+    frame_ = av_frame_alloc();
+  }
+  ~Decoder() {
+    av_frame_free(&frame_);
+    av_packet_free(&packet_);
+    avcodec_free_context(&context_);
+  }
+
+  // Decodes one packet and appends each channel's samples to `pcm`.
+  void Decode(const std::vector<uint8_t>& bytes, std::vector<std::vector<float>>* pcm) {
+    av_new_packet(packet_, static_cast<int>(bytes.size()));
+    std::memcpy(packet_->data, bytes.data(), bytes.size());
+    ASSERT_GE(avcodec_send_packet(context_, packet_), 0);
+    av_packet_unref(packet_);
+    while (avcodec_receive_frame(context_, frame_) >= 0) {
+      ASSERT_EQ(frame_->format, AV_SAMPLE_FMT_FLTP);
+      ASSERT_EQ(frame_->sample_rate, kRate);
+      pcm->resize(static_cast<size_t>(frame_->ch_layout.nb_channels));
+      for (int c = 0; c < frame_->ch_layout.nb_channels; ++c) {
+        const float* samples = reinterpret_cast<const float*>(frame_->data[c]);
+        (*pcm)[c].insert((*pcm)[c].end(), samples, samples + frame_->nb_samples);
+      }
+    }
+  }
+
+ private:
+  AVCodecContext* context_ = nullptr;
+  AVPacket* packet_ = nullptr;
+  AVFrame* frame_ = nullptr;
+};
+
+// ----- Reference synthesis -----
+
+// y[n] = 2/N sum_k x[k] cos(pi/(2N) (2n + 1 + N/2)(2k + 1)), n < N, N = 2 * x.size().
+std::vector<double> InverseMdct(const double* x, int half) {
+  const int n_total = 2 * half;
+  std::vector<double> cosine(4 * static_cast<size_t>(n_total));
+  for (size_t i = 0; i < cosine.size(); ++i) cosine[i] = std::cos(M_PI * i / (2.0 * n_total));
+  std::vector<double> y(static_cast<size_t>(n_total), 0.0);
+  for (int n = 0; n < n_total; ++n) {
+    const long a = 2 * n + 1 + half;
+    double sum = 0;
+    for (int k = 0; k < half; ++k) {
+      if (x[k] != 0) sum += x[k] * cosine[(a * (2 * k + 1)) % (4 * n_total)];
+    }
+    y[n] = 2.0 / n_total * sum;
+  }
+  return y;
+}
+
+double LongSine(int n) { return std::sin(M_PI * (n + 0.5) / 2048); }
+double ShortSine(int n) { return std::sin(M_PI * (n + 0.5) / 256); }
+
+// The window of the long-block sequences over the 2048 samples of a frame.
+double LongWindow(WindowSequence sequence, int n) {
+  if (sequence == kLongStart && n >= 1024) {
+    return n < 1472 ? 1.0 : n < 1600 ? ShortSine(n - 1472 + 128) : 0.0;
+  }
+  if (sequence == kLongStop && n < 1024) {
+    return n < 448 ? 0.0 : n < 576 ? ShortSine(n - 448) : 1.0;
+  }
+  return LongSine(n);
+}
+
+// The dequantised spectrum of `channel` in its natural order.
+std::vector<double> Dequantise(const ChannelData& channel) {
+  std::vector<double> x(kFrameLength, 0.0);
+  const bool is_short = channel.ics.window_sequence == kEightShort;
+  const uint16_t* offsets = is_short ? channel.layout->short_offsets : channel.layout->long_offsets;
+  int window = 0;
+  for (int g = 0; g < channel.ics.num_window_groups; ++g) {
+    for (int w = window; w < window + channel.ics.window_group_length[g]; ++w) {
+      for (int b = 0; b < channel.ics.max_sfb; ++b) {
+        const double gain = std::pow(2.0, (channel.scalefactor[g][b] - 100) / 4.0);
+        for (int k = offsets[b]; k < offsets[b + 1]; ++k) {
+          const int i = w * kShortWindowLength + k;
+          const double q = channel.quant[i];
+          x[i] = (q < 0 ? -1 : 1) * std::pow(std::fabs(q), 4.0 / 3.0) * gain;
+        }
+      }
+    }
+    window += channel.ics.window_group_length[g];
+  }
+  return x;
+}
+
+// Overlap-adds frame `index` of spectrum `x` into `out`.
+void Synthesise(const std::vector<double>& x, WindowSequence sequence, int index,
+                std::vector<double>* out) {
+  const size_t base = static_cast<size_t>(index) * kFrameLength;
+  if (out->size() < base + 2 * kFrameLength) out->resize(base + 2 * kFrameLength, 0.0);
+  if (sequence != kEightShort) {
+    const std::vector<double> y = InverseMdct(x.data(), kFrameLength);
+    for (int n = 0; n < 2 * kFrameLength; ++n) (*out)[base + n] += y[n] * LongWindow(sequence, n);
+    return;
+  }
+  for (int w = 0; w < kShortWindows; ++w) {
+    const std::vector<double> y =
+        InverseMdct(x.data() + w * kShortWindowLength, kShortWindowLength);
+    for (int n = 0; n < 2 * kShortWindowLength; ++n) {
+      (*out)[base + 448 + w * kShortWindowLength + n] += y[n] * ShortSine(n);
+    }
+  }
+}
+
+// ----- Frames -----
+
+struct Frame {
+  ChannelData channel[2];
+  bool use_ms = false;
+  uint8_t ms_used[kShortWindows][kMaxBands] = {};
+  int fill_bits = 0;  // A fill element before ID_END.
+};
+
+void SetWindow(ChannelData* channel, WindowSequence sequence, std::vector<int> groups) {
+  channel->layout = BandLayoutForSampleRate(kRate);
+  channel->ics.window_sequence = sequence;
+  channel->num_bands =
+      sequence == kEightShort ? channel->layout->num_short_bands : channel->layout->num_long_bands;
+  if (sequence != kEightShort) groups = {1};
+  channel->ics.num_window_groups = static_cast<uint8_t>(groups.size());
+  for (size_t g = 0; g < groups.size(); ++g) {
+    channel->ics.window_group_length[g] = static_cast<uint8_t>(groups[g]);
+  }
+}
+
+// Mostly small values falling off towards high lines, the occasional large one, and
+// scalefactors wandering around 100.
+void FillRealistic(ChannelData* channel, std::mt19937* random) {
+  std::normal_distribution<double> normal(0.0, 1.0);
+  std::uniform_int_distribution<int> step(-3, 3);
+  const bool is_short = channel->ics.window_sequence == kEightShort;
+  const int length = is_short ? kShortWindowLength : kFrameLength;
+  for (int i = 0; i < kFrameLength; ++i) {
+    const int k = i % length;
+    const double envelope = 12.0 * std::exp(-3.0 * k / length);
+    double v = normal(*random) * envelope;
+    if ((*random)() % 97 == 0) v *= 30;
+    channel->quant[i] = static_cast<int32_t>(std::lround(std::clamp(v, -8191.0, 8191.0)));
+  }
+  int sf = 90;
+  for (auto& group : channel->scalefactor) {
+    for (auto& value : group)
+      value = static_cast<int16_t>(sf = std::clamp(sf + step(*random), 70, 110));
+  }
+}
+
+// Writes `frame` as one raw_data_block, checking that `expected_bits` (what Prepare* or
+// *Bits returned) is exactly what the element takes.
+std::vector<uint8_t> WriteFrame(const Frame& frame, int channels, int expected_bits) {
+  std::vector<uint8_t> bytes(8192);
+  BitWriter writer(bytes.data(), bytes.size());
+  const uint8_t(*ms)[kMaxBands] = frame.use_ms ? frame.ms_used : nullptr;
+  if (channels == 1) {
+    WriteSingleChannelElement(&writer, frame.channel[0]);
+  } else {
+    WriteChannelPairElement(&writer, frame.channel[0], frame.channel[1], ms);
+  }
+  EXPECT_EQ(writer.bit_count(), static_cast<size_t>(kElementHeaderBits + expected_bits));
+  if (frame.fill_bits > 0) {
+    const size_t before = writer.bit_count();
+    const int filled = WriteFillElement(&writer, frame.fill_bits);
+    EXPECT_EQ(writer.bit_count() - before, static_cast<size_t>(filled));
+    EXPECT_LE(filled, frame.fill_bits);
+    EXPECT_GT(filled, frame.fill_bits - 8 * 2);
+  }
+  WriteEnd(&writer);
+  EXPECT_FALSE(writer.overflowed());
+  bytes.resize(writer.byte_count());
+  return bytes;
+}
+
+// Writes and decodes `frames` (as raw blocks with an AudioSpecificConfig, or as ADTS) and
+// compares each channel with the reference synthesis.
+void ExpectDecodesToReference(const std::vector<Frame>& frames, int channels, bool adts) {
+  const int index = SamplingFrequencyIndex(kRate);
+  uint8_t config[2];
+  MakeAudioSpecificConfig(config, index, channels);
+  Decoder decoder(config, adts ? 0 : 2);
+  std::vector<std::vector<float>> pcm;
+  std::vector<std::vector<double>> reference(static_cast<size_t>(channels));
+  for (size_t f = 0; f < frames.size(); ++f) {
+    const Frame& frame = frames[f];
+    const uint8_t(*ms)[kMaxBands] = frame.use_ms ? frame.ms_used : nullptr;
+    const int bits = channels == 1 ? ChannelBits(frame.channel[0])
+                                   : ChannelPairBits(frame.channel[0], frame.channel[1], ms);
+    ASSERT_LT(bits, kNoFit);
+    std::vector<uint8_t> bytes = WriteFrame(frame, channels, bits);
+    if (adts) {
+      std::vector<uint8_t> packet(kAdtsHeaderBytes);
+      WriteAdtsHeader(packet.data(), index, channels, static_cast<int>(bytes.size()), 0x123);
+      // The fields as a reader sees them: frame length and buffer fullness.
+      const int length = (packet[3] & 3) << 11 | packet[4] << 3 | packet[5] >> 5;
+      const int fullness = (packet[5] & 0x1F) << 6 | packet[6] >> 2;
+      EXPECT_EQ(length, static_cast<int>(bytes.size()) + kAdtsHeaderBytes);
+      EXPECT_EQ(fullness, 0x123);
+      packet.insert(packet.end(), bytes.begin(), bytes.end());
+      bytes = packet;
+    }
+    decoder.Decode(bytes, &pcm);
+
+    std::vector<double> x[2];
+    for (int c = 0; c < channels; ++c) x[c] = Dequantise(frame.channel[c]);
+    if (ms != nullptr) {
+      const ChannelData& left = frame.channel[0];
+      const bool is_short = left.ics.window_sequence == kEightShort;
+      const uint16_t* offsets = is_short ? left.layout->short_offsets : left.layout->long_offsets;
+      int window = 0;
+      for (int g = 0; g < left.ics.num_window_groups; ++g) {
+        for (int w = window; w < window + left.ics.window_group_length[g]; ++w) {
+          for (int b = 0; b < left.ics.max_sfb; ++b) {
+            if (!ms[g][b]) continue;
+            for (int k = offsets[b]; k < offsets[b + 1]; ++k) {
+              const int i = w * kShortWindowLength + k;
+              const double m = x[0][i];
+              const double s = x[1][i];
+              x[0][i] = m + s;
+              x[1][i] = m - s;
+            }
+          }
+        }
+        window += left.ics.window_group_length[g];
+      }
+    }
+    for (int c = 0; c < channels; ++c) {
+      Synthesise(x[c], frame.channel[c].ics.window_sequence, static_cast<int>(f), &reference[c]);
+    }
+  }
+  ASSERT_EQ(pcm.size(), static_cast<size_t>(channels));
+  for (int c = 0; c < channels; ++c) {
+    ASSERT_EQ(pcm[c].size(), frames.size() * kFrameLength);
+    double peak = 0;
+    double cross = 0;
+    double energy = 0;
+    for (size_t i = 0; i < pcm[c].size(); ++i) {
+      peak = std::max(peak, std::fabs(reference[c][i]));
+      cross += pcm[c][i] * reference[c][i];
+      energy += reference[c][i] * reference[c][i];
+    }
+    ASSERT_GT(peak, 0.0);
+    // The scale relation itself, fitted over the whole stream.
+    EXPECT_NEAR(cross / energy / kOutputScale, 1.0, 1e-6);
+    double worst = 0;
+    size_t worst_at = 0;
+    for (size_t i = 0; i < pcm[c].size(); ++i) {
+      const double error = std::fabs(pcm[c][i] - reference[c][i] * kOutputScale);
+      if (error > worst) {
+        worst = error;
+        worst_at = i;
+      }
+    }
+    EXPECT_LT(worst, 2e-6 * peak * kOutputScale)
+        << "channel " << c << " sample " << worst_at << " frame " << worst_at / kFrameLength;
+  }
+}
+
+// Values carrying every tuple index of `codebook`: signed books once, unsigned ones with
+// all signs positive, all negative and alternating; escape symbols of codebook 11 cycle
+// through magnitudes from 16 to 8191, covering every escape length.
+std::vector<int32_t> EverySymbol(int codebook) {
+  const SpectralCodebook& book = kSpectralCodebooks[codebook];
+  static const int kEscapes[] = {16,  17,  31,   32,   63,   64,   127,  128,  255, 256,
+                                 511, 512, 1023, 1024, 2047, 2048, 4095, 4096, 8191};
+  std::vector<int32_t> values;
+  size_t escape = 0;
+  const int sign_patterns = book.is_signed ? 1 : 3;
+  for (int pattern = 0; pattern < sign_patterns; ++pattern) {
+    for (int index = 0; index < book.size; ++index) {
+      int digits[4];
+      int rest = index;
+      for (int i = book.dimension - 1; i >= 0; --i, rest /= book.modulus) {
+        digits[i] = rest % book.modulus;
+      }
+      for (int i = 0; i < book.dimension; ++i) {
+        int v = book.is_signed ? digits[i] - book.largest : digits[i];
+        if (codebook == kEscapeCodebook && v == 16) {
+          v = kEscapes[escape++ % (sizeof(kEscapes) / sizeof(kEscapes[0]))];
+        }
+        const bool negative = pattern == 1 || (pattern == 2 && (values.size() % 2) == 1);
+        values.push_back(negative ? -v : v);
+      }
+    }
+  }
+  return values;
+}
+
+TEST(AacTablesTest, CodebooksAreCompletePrefixCodesAndLayoutsAreWellFormed) {
+  auto check = [](const HuffmanCode* codes, int size, const char* name) {
+    // Kraft sum exactly 1 in units of 2^-19, and no codeword a prefix of another.
+    uint64_t kraft = 0;
+    for (int i = 0; i < size; ++i) {
+      ASSERT_GE(codes[i].length, 1) << name;
+      ASSERT_LE(codes[i].length, 19) << name;
+      ASSERT_LT(codes[i].codeword, 1u << codes[i].length) << name << " " << i;
+      kraft += uint64_t{1} << (19 - codes[i].length);
+    }
+    EXPECT_EQ(kraft, uint64_t{1} << 19) << name;
+    for (int i = 0; i < size; ++i) {
+      for (int j = 0; j < size; ++j) {
+        if (i == j || codes[i].length > codes[j].length) continue;
+        EXPECT_NE(codes[j].codeword >> (codes[j].length - codes[i].length), codes[i].codeword)
+            << name << ": " << i << " prefixes " << j;
+      }
+    }
+  };
+  for (int cb = 1; cb <= kEscapeCodebook; ++cb) {
+    const SpectralCodebook& book = kSpectralCodebooks[cb];
+    int expected_size = 1;
+    for (int i = 0; i < book.dimension; ++i) expected_size *= book.modulus;
+    EXPECT_EQ(book.size, expected_size);
+    check(book.codes, book.size, ("spectral " + std::to_string(cb)).c_str());
+  }
+  check(kScalefactorCodes, kScalefactorCodeCount, "scalefactor");
+  EXPECT_EQ(kScalefactorCodes[kScalefactorIndexOffset].length, 1);
+
+  const int kBands[][2] = {{41, 12}, {41, 12}, {47, 12}, {49, 14}, {49, 14}, {51, 14}, {47, 15},
+                           {47, 15}, {43, 15}, {43, 15}, {43, 15}, {40, 15}, {40, 15}};
+  for (int i = 0; i < kSamplingFrequencyCount; ++i) {
+    EXPECT_EQ(SamplingFrequencyIndex(kSamplingFrequencies[i]), i);
+    const BandLayout* layout = BandLayoutForSampleRate(kSamplingFrequencies[i]);
+    ASSERT_NE(layout, nullptr);
+    EXPECT_EQ(layout->num_long_bands, kBands[i][0]);
+    EXPECT_EQ(layout->num_short_bands, kBands[i][1]);
+    EXPECT_EQ(layout->long_offsets[0], 0);
+    EXPECT_EQ(layout->long_offsets[layout->num_long_bands], kFrameLength);
+    EXPECT_EQ(layout->short_offsets[layout->num_short_bands], kShortWindowLength);
+    for (int b = 0; b < layout->num_long_bands; ++b) {
+      EXPECT_EQ(layout->long_offsets[b] % 4, 0);
+      EXPECT_LT(layout->long_offsets[b], layout->long_offsets[b + 1]);
+    }
+    for (int b = 0; b < layout->num_short_bands; ++b) {
+      EXPECT_EQ(layout->short_offsets[b] % 4, 0);
+      EXPECT_LT(layout->short_offsets[b], layout->short_offsets[b + 1]);
+    }
+  }
+  EXPECT_EQ(SamplingFrequencyIndex(44000), -1);
+  EXPECT_EQ(BandLayoutForSampleRate(44000), nullptr);
+}
+
+TEST(AacSyntaxTest, EverySymbolOfEveryCodebookDecodes) {
+  for (int cb = 1; cb <= kEscapeCodebook; ++cb) {
+    SCOPED_TRACE(cb);
+    const std::vector<int32_t> symbols = EverySymbol(cb);
+    std::vector<Frame> frames((symbols.size() + kFrameLength - 1) / kFrameLength + 1);
+    for (size_t f = 0; f < frames.size(); ++f) {
+      ChannelData& channel = frames[f].channel[0];
+      SetWindow(&channel, kOnlyLong, {});
+      for (int i = 0; i < kFrameLength; ++i) {
+        const size_t at = f * kFrameLength + static_cast<size_t>(i);
+        channel.quant[i] = at < symbols.size() ? symbols[at] : 0;
+      }
+      // Gains that keep the escape values and the small ones at comparable levels.
+      for (int b = 0; b < kMaxBands; ++b) {
+        channel.scalefactor[0][b] =
+            static_cast<int16_t>((cb == kEscapeCodebook ? 60 : 110) + b % 5);
+      }
+      ASSERT_LT(PrepareChannel(&channel), kNoFit);
+      // Every band, all-zero ones too, in the codebook under test.
+      for (int b = 0; b < channel.ics.max_sfb; ++b)
+        channel.codebook[0][b] = static_cast<uint8_t>(cb);
+    }
+    ExpectDecodesToReference(frames, 1, false);
+  }
+}
+
+TEST(AacSyntaxTest, PreparedShortAndTransitionWindowsDecodeRawAndAsAdts) {
+  std::mt19937 random(7);
+  const struct {
+    WindowSequence sequence;
+    std::vector<int> groups;
+    int fill_bits;
+  } kPlan[] = {
+      {kOnlyLong, {}, 0},
+      {kLongStart, {}, 7},
+      {kEightShort, {3, 1, 4}, 100},
+      {kEightShort, {1, 1, 1, 1, 1, 1, 1, 1}, 130},
+      {kEightShort, {8}, 0},
+      {kLongStop, {}, 3000},
+      {kOnlyLong, {}, 0},
+  };
+  std::vector<Frame> frames(sizeof(kPlan) / sizeof(kPlan[0]));
+  for (size_t f = 0; f < frames.size(); ++f) {
+    ChannelData& channel = frames[f].channel[0];
+    SetWindow(&channel, kPlan[f].sequence, kPlan[f].groups);
+    FillRealistic(&channel, &random);
+    frames[f].fill_bits = kPlan[f].fill_bits;
+    const int bits = PrepareChannel(&channel);
+    ASSERT_LT(bits, kNoFit);
+    // What Prepare counted is what the codebooks it chose take, and what is written.
+    EXPECT_EQ(ChannelBits(channel), bits);
+    std::vector<uint8_t> written = WriteFrame(frames[f], 1, bits);
+    EXPECT_FALSE(written.empty());
+  }
+  ExpectDecodesToReference(frames, 1, false);
+  ExpectDecodesToReference(frames, 1, true);
+}
+
+TEST(AacSyntaxTest, ChannelPairWithMidSideDecodes) {
+  std::mt19937 random(11);
+  const struct {
+    WindowSequence sequence;
+    std::vector<int> groups;
+    int ms;  // 0 none, 1 every third band, 2 all bands.
+    bool right_silent;
+  } kPlan[] = {
+      {kOnlyLong, {}, 1, false},       {kOnlyLong, {}, 2, true},
+      {kLongStart, {}, 0, false},      {kEightShort, {3, 1, 4}, 1, false},
+      {kEightShort, {2, 6}, 2, false}, {kLongStop, {}, 1, true},
+      {kOnlyLong, {}, 1, false},
+  };
+  std::vector<Frame> frames(sizeof(kPlan) / sizeof(kPlan[0]));
+  for (size_t f = 0; f < frames.size(); ++f) {
+    Frame& frame = frames[f];
+    for (ChannelData& channel : frame.channel) {
+      SetWindow(&channel, kPlan[f].sequence, kPlan[f].groups);
+      FillRealistic(&channel, &random);
+    }
+    if (kPlan[f].right_silent)
+      std::fill(std::begin(frame.channel[1].quant), std::end(frame.channel[1].quant), 0);
+    // Give the left channel fewer bands, so the pair must widen its max_sfb.
+    const int cut = frame.channel[0].ics.window_sequence == kEightShort ? 96 : 800;
+    for (int i = 0; i < kFrameLength; ++i) {
+      if (i % (kPlan[f].sequence == kEightShort ? kShortWindowLength : kFrameLength) >= cut) {
+        frame.channel[0].quant[i] = 0;
+      }
+    }
+    frame.use_ms = kPlan[f].ms != 0;
+    for (int g = 0; g < kShortWindows; ++g) {
+      for (int b = 0; b < kMaxBands; ++b) frame.ms_used[g][b] = kPlan[f].ms == 2 || b % 3 == g % 2;
+    }
+    const uint8_t(*ms)[kMaxBands] = frame.use_ms ? frame.ms_used : nullptr;
+    const int bits = PrepareChannelPair(&frame.channel[0], &frame.channel[1], ms);
+    ASSERT_LT(bits, kNoFit);
+    EXPECT_EQ(frame.channel[0].ics.max_sfb, frame.channel[1].ics.max_sfb);
+    EXPECT_EQ(ChannelPairBits(frame.channel[0], frame.channel[1], ms), bits);
+    WriteFrame(frame, 2, bits);
+  }
+  ExpectDecodesToReference(frames, 2, false);
+}
+
+TEST(AacSyntaxTest, CountsAndSectionsAgainstSimpleChoicesAndLimits) {
+  std::mt19937 random(3);
+  for (int trial = 0; trial < 40; ++trial) {
+    ChannelData channel{};
+    SetWindow(&channel, trial % 4 == 3 ? kEightShort : kOnlyLong,
+              trial % 8 == 3 ? std::vector<int>{3, 1, 4} : std::vector<int>{2, 2, 2, 2});
+    FillRealistic(&channel, &random);
+    const int bits = PrepareChannel(&channel);
+    ASSERT_LT(bits, kNoFit);
+    ASSERT_EQ(ChannelBits(channel), bits);
+    // The optimum is no worse than each band in its own smallest fitting codebook, nor than
+    // every band in codebook 11.
+    ChannelData simple = channel;
+    ChannelData escape = channel;
+    const int groups = channel.ics.num_window_groups;
+    int window = 0;
+    for (int g = 0; g < groups; ++g) {
+      for (int b = 0; b < channel.ics.max_sfb; ++b) {
+        const uint16_t* offsets = channel.ics.window_sequence == kEightShort
+                                      ? channel.layout->short_offsets
+                                      : channel.layout->long_offsets;
+        int peak = 0;
+        for (int w = window; w < window + channel.ics.window_group_length[g]; ++w) {
+          for (int k = offsets[b]; k < offsets[b + 1]; ++k) {
+            peak = std::max(peak, std::abs(channel.quant[w * kShortWindowLength + k]));
+          }
+        }
+        int smallest = 0;
+        if (peak > 0) {
+          smallest = 1;
+          while (smallest < kEscapeCodebook && kSpectralCodebooks[smallest].largest < peak)
+            ++smallest;
+        }
+        simple.codebook[g][b] = static_cast<uint8_t>(smallest);
+        escape.codebook[g][b] = kEscapeCodebook;
+      }
+      window += channel.ics.window_group_length[g];
+    }
+    EXPECT_LE(bits, ChannelBits(simple));
+    EXPECT_LE(bits, ChannelBits(escape));
+  }
+
+  // Limits: a scalefactor jump over 60 between coded bands, a scalefactor out of 0..255, a
+  // value over 8191, and a codebook too small for its band.
+  ChannelData channel{};
+  SetWindow(&channel, kOnlyLong, {});
+  for (auto& v : channel.scalefactor[0]) v = 100;
+  channel.quant[0] = 1;
+  channel.quant[40] = 1;
+  ASSERT_LT(PrepareChannel(&channel), kNoFit);
+  channel.scalefactor[0][10] = 161;  // Band 10 holds line 40 at 48 kHz.
+  EXPECT_EQ(PrepareChannel(&channel), kNoFit);
+  channel.scalefactor[0][10] = 160;
+  EXPECT_LT(PrepareChannel(&channel), kNoFit);
+  channel.scalefactor[0][0] = 256;
+  EXPECT_EQ(PrepareChannel(&channel), kNoFit);
+  channel.scalefactor[0][0] = 100;
+  channel.quant[8] = 8192;
+  EXPECT_EQ(PrepareChannel(&channel), kNoFit);
+  channel.quant[8] = 8191;
+  ASSERT_LT(PrepareChannel(&channel), kNoFit);
+  EXPECT_EQ(channel.codebook[0][2], kEscapeCodebook);
+  channel.codebook[0][2] = 10;
+  EXPECT_EQ(ChannelBits(channel), kNoFit);
+  const int32_t kTuple[4] = {2, 0, -1, 0};
+  EXPECT_EQ(SpectralBits(kTuple, 4, 1), kNoFit);
+  EXPECT_EQ(SpectralBits(kTuple, 4, 3), kSpectralCodebooks[3].codes[2 * 27 + 3].length + 2);
+
+  // An all-zero channel codes no band.
+  ChannelData silent{};
+  SetWindow(&silent, kOnlyLong, {});
+  EXPECT_EQ(PrepareChannel(&silent), 8 + 11 + 3);
+  EXPECT_EQ(silent.ics.max_sfb, 0);
+
+  // The writer stops at its capacity.
+  uint8_t small[4];
+  BitWriter writer(small, sizeof(small));
+  writer.Put(0x5, 3);
+  writer.Put(0x1FFFFFFF, 29);
+  EXPECT_FALSE(writer.overflowed());
+  EXPECT_EQ(small[0], 0xBF);
+  writer.Put(1, 1);
+  EXPECT_TRUE(writer.overflowed());
+  EXPECT_EQ(writer.bit_count(), 32u);
+}
+
+}  // namespace
+}  // namespace aac
+}  // namespace audio
+}  // namespace tarnel

@@ -53,7 +53,6 @@ extern "C" {
 #include "sdk/base/logging.h"
 #include "sdk/common/local_recording/local_recording.h"
 #include "sdk/media/audio_encoder.h"
-#include "sdk/media/ffmpeg/ffmpeg_aac_encoder.h"
 #include "sdk/media_stream_writer/ffmpeg/ffmpeg_stream_writer.h"
 #include "sdk/media_stream_writer/local_recording_segmentation_writer.h"
 
@@ -92,8 +91,8 @@ struct Options {
   bool sweep = false;
   bool keep = false;
   bool machine = false;  // One "result ..." line for --sweep's parent.
-  // "twoloop" or "fast" put in through the encoder factory; empty: the recorder's own
-  // (fast, checked).
+  // "tarnel", "twoloop" or "fast", set on the encoder factory; empty: the default
+  // (ours).
   std::string aac_coder;
   std::string h264;
   std::string wav;  // 48 kHz stereo s16 WAV to loop instead of the built-in music.
@@ -265,19 +264,6 @@ double Percentile(std::vector<int32_t>* values, double p) {
   std::nth_element(values->begin(), values->begin() + static_cast<long>(index), values->end());
   return (*values)[index] / 1000.0;
 }
-
-// Makes AAC encoders with one coder, for --aac-coder.
-class CoderFactory : public tarnel::audio::AudioEncoderFactory2 {
- public:
-  explicit CoderFactory(tarnel::audio::FfmpegAacEncoder::Coder coder) : coder_(coder) {}
-  std::unique_ptr<tarnel::audio::AudioEncoder> CreateAudioEncoder(int type) override {
-    if (type != tarnel::audio::kAudioEncoderAac) return nullptr;
-    return std::make_unique<tarnel::audio::FfmpegAacEncoder>(coder_);
-  }
-
- private:
-  const tarnel::audio::FfmpegAacEncoder::Coder coder_;
-};
 
 // ---------------------------------------------------------------------------------------
 // Feeding.
@@ -486,12 +472,9 @@ RunResult RunOnce(const Options& options, const Input& input, const std::string&
   shared.first_video_pts.assign(static_cast<size_t>(n), static_cast<int64_t>(VideoPts(0)));
   g_shared = &shared;
 
-  CoderFactory coder_factory(options.aac_coder == "fast"
-                                 ? tarnel::audio::FfmpegAacEncoder::Coder::kFast
-                                 : tarnel::audio::FfmpegAacEncoder::Coder::kTwoLoop);
-  if (!options.aac_coder.empty()) {
-    tarnel::audio::AudioEncoderFactory2::SetInstanceForTesting(&coder_factory);
-  }
+  tarnel::audio::AacEncoderKind aac_kind = tarnel::audio::AacEncoderKind::kBuiltIn;
+  if (!options.aac_coder.empty()) tarnel::audio::ParseAacEncoderKind(options.aac_coder, &aac_kind);
+  tarnel::audio::AudioEncoderFactory2::GetInstance()->SetAacEncoderKind(aac_kind);
   const int64_t rss_before = VmRssKiB();
   ScopedWriterBackendFactoryForTesting measuring(
       [](LocalRecordingSegmentationWriter::Client* client) -> std::unique_ptr<MediaStreamWriter> {
@@ -564,9 +547,8 @@ RunResult RunOnce(const Options& options, const Input& input, const std::string&
   }
   recorders.clear();
   g_shared = nullptr;
-  if (!options.aac_coder.empty()) {
-    tarnel::audio::AudioEncoderFactory2::SetInstanceForTesting(nullptr);
-  }
+  tarnel::audio::AudioEncoderFactory2::GetInstance()->SetAacEncoderKind(
+      tarnel::audio::AacEncoderKind::kBuiltIn);
 
   result.cpu_percent = 100 * cpu / wall;
   result.other_percent = std::max(0.0, 100 * (busy - cpu) / wall);
@@ -737,8 +719,9 @@ int main(int argc, char** argv) {
       options.out_dir = next();
     } else if (arg == "--aac-coder") {
       const std::string coder = next();
-      if (coder != "fast" && coder != "twoloop") {
-        std::fprintf(stderr, "error: --aac-coder is fast or twoloop\n");
+      tarnel::audio::AacEncoderKind kind;
+      if (!tarnel::audio::ParseAacEncoderKind(coder, &kind)) {
+        std::fprintf(stderr, "error: --aac-coder is tarnel, twoloop or fast\n");
         return 1;
       }
       options.aac_coder = coder;

@@ -3,6 +3,7 @@
 #include <atomic>
 
 #include "sdk/base/logging.h"
+#include "sdk/media/aac/aac_encoder.h"
 #include "sdk/media/ffmpeg/ffmpeg_aac_encoder.h"
 
 namespace tarnel {
@@ -17,7 +18,33 @@ std::atomic<AudioEncoderFactory2*> g_factory_for_testing{nullptr};
 
 class BuiltInAudioEncoderFactory : public AudioEncoderFactory2 {};
 
+constexpr struct {
+  AacEncoderKind kind;
+  const char* name;
+} kAacEncoderNames[] = {
+    {AacEncoderKind::kBuiltIn, "tarnel"},
+    {AacEncoderKind::kFfmpegTwoLoop, "twoloop"},
+    {AacEncoderKind::kFfmpegFast, "fast"},
+};
+
 }  // namespace
+
+const char* AacEncoderKindName(AacEncoderKind kind) {
+  for (const auto& entry : kAacEncoderNames) {
+    if (entry.kind == kind) return entry.name;
+  }
+  return "unknown";
+}
+
+bool ParseAacEncoderKind(const std::string& name, AacEncoderKind* kind) {
+  for (const auto& entry : kAacEncoderNames) {
+    if (name == entry.name) {
+      *kind = entry.kind;
+      return true;
+    }
+  }
+  return false;
+}
 
 // static
 AudioEncoderFactory2* AudioEncoderFactory2::GetInstance() {
@@ -33,8 +60,20 @@ void AudioEncoderFactory2::SetInstanceForTesting(AudioEncoderFactory2* factory) 
   g_factory_for_testing.store(factory, std::memory_order_release);
 }
 
+std::unique_ptr<AudioEncoder> CreateAacEncoder(AacEncoderKind kind) {
+  switch (kind) {
+    case AacEncoderKind::kFfmpegTwoLoop:
+      return std::make_unique<FfmpegAacEncoder>(FfmpegAacEncoder::Coder::kTwoLoop);
+    case AacEncoderKind::kFfmpegFast:
+      return std::make_unique<FfmpegAacEncoder>(FfmpegAacEncoder::Coder::kFast);
+    case AacEncoderKind::kBuiltIn:
+      break;
+  }
+  return std::make_unique<AacEncoder>();
+}
+
 std::unique_ptr<AudioEncoder> AudioEncoderFactory2::CreateAudioEncoder(int type) {
-  if (type == kAudioEncoderAac) return std::make_unique<FfmpegAacEncoder>();
+  if (type == kAudioEncoderAac) return CreateAacEncoder(aac_encoder_kind());
   TARN_LOG(tarn_logging::LS_ERROR, kLogConfig, this) << "no audio encoder of type " << type;
   return nullptr;
 }

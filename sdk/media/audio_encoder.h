@@ -8,8 +8,10 @@
 #ifndef SDK_MEDIA_AUDIO_ENCODER_H_
 #define SDK_MEDIA_AUDIO_ENCODER_H_
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
+#include <string>
 
 #include "sdk/media/audio_frame.h"
 
@@ -18,6 +20,24 @@ namespace audio {
 
 // Encoder types the factory knows.
 constexpr int kAudioEncoderAac = 3;
+
+// The AAC encoders the factory can make.
+//  kBuiltIn        ours (sdk/media/aac/): the default. About a fifth of libavcodec's
+//                  two-loop CPU at a noise-to-mask ratio at least as good; see
+//                  bench/QUALITY.md.
+//  kFfmpegTwoLoop  libavcodec's "aac" encoder with its default two-loop search.
+//  kFfmpegFast     libavcodec's "aac" encoder with its fast coder: cheaper than
+//                  two-loop, perceptually worse, and it clips loud tones.
+enum class AacEncoderKind { kBuiltIn, kFfmpegTwoLoop, kFfmpegFast };
+
+// "tarnel", "twoloop" and "fast", as tools and benchmarks spell the kinds.
+const char* AacEncoderKindName(AacEncoderKind kind);
+// False when `name` is none of those.
+bool ParseAacEncoderKind(const std::string& name, AacEncoderKind* kind);
+
+class AudioEncoder;
+// A new AAC encoder of `kind`, whatever the factory is set to (benchmarks compare them).
+std::unique_ptr<AudioEncoder> CreateAacEncoder(AacEncoderKind kind);
 
 // How an encoder is configured. Defaults suit 48 kHz mono AAC-LC.
 struct AudioEncodeParams {
@@ -72,9 +92,17 @@ class AudioEncoderFactory2 {
   // codec is not available.
   virtual std::unique_ptr<AudioEncoder> CreateAudioEncoder(int type);
 
+  // Which AAC encoder CreateAudioEncoder(kAudioEncoderAac) makes from now on, for every
+  // recorder in the process; encoders already made keep theirs. Any thread.
+  void SetAacEncoderKind(AacEncoderKind kind) { aac_kind_.store(kind); }
+  AacEncoderKind aac_encoder_kind() const { return aac_kind_.load(); }
+
  protected:
   AudioEncoderFactory2() = default;
   virtual ~AudioEncoderFactory2() = default;
+
+ private:
+  std::atomic<AacEncoderKind> aac_kind_{AacEncoderKind::kBuiltIn};
 };
 
 }  // namespace audio

@@ -29,6 +29,7 @@ extern "C" {
 
 #include "sdk/base/logging.h"
 #include "sdk/common/local_recording/local_recording.h"
+#include "sdk/media/audio_encoder.h"
 #include "tools/tarnel_record/media_source.h"
 #include "tools/tarnel_record/options.h"
 
@@ -335,6 +336,10 @@ int Run(const Options& options) {
   const bool fast = options.pacing == Options::Pacing::kFast;
   // --fast paces itself on the recorder's progress, which it needs often.
   if (fast) params.progress_interval_ms = std::min(std::max(options.progress_ms, 1), 100);
+
+  tarnel::audio::AacEncoderKind aac_kind = tarnel::audio::AacEncoderKind::kBuiltIn;
+  tarnel::audio::ParseAacEncoderKind(options.aac_encoder, &aac_kind);  // Checked when parsed.
+  tarnel::audio::AudioEncoderFactory2::GetInstance()->SetAacEncoderKind(aac_kind);
 
   std::atomic<int64_t> video_in{0}, audio_in{0};
   ToolClient client(options, &video_in, &audio_in);

@@ -1,5 +1,7 @@
 #include "tools/tarnel_record/options.h"
 
+#include "sdk/media/audio_encoder.h"
+
 #include <cstdlib>
 #include <sstream>
 
@@ -55,6 +57,8 @@ Recording:
   --stereo                record two audio channels                     (default: mono)
   --fill-muted            fill gaps in the audio with silence           (default: off)
   --progress-ms MS        progress report period                        (default: 1000)
+  --aac-encoder NAME      tarnel (ours), twoloop or fast (libavcodec's coders) for PCM
+                          encoded to AAC                                (default: tarnel)
 
 Pacing:
   --realtime              hand frames over at their own timestamps from a video and an
@@ -126,6 +130,13 @@ bool ParseOptions(int argc, char** argv, Options* options, bool* help, std::stri
       options->audio_passthrough = true;
     } else if (arg == "--format") {
       if (!value(&options->format)) return false;
+    } else if (arg == "--aac-encoder") {
+      if (!value(&options->aac_encoder)) return false;
+      tarnel::audio::AacEncoderKind kind;
+      if (!tarnel::audio::ParseAacEncoderKind(options->aac_encoder, &kind)) {
+        *error = "--aac-encoder must be tarnel, twoloop or fast, not " + options->aac_encoder;
+        return false;
+      }
     } else if (arg == "--type") {
       if (!value(&options->type)) return false;
     } else if (arg == "--segment") {

@@ -31,6 +31,7 @@ struct Options {
   bool stereo = false;
   bool fill_muted = false;
   int progress_ms = 1000;
+  std::string aac_encoder = "tarnel";  // tarnel, twoloop or fast.
   bool progress_ms_given = false;
 
   enum class Pacing { kDefault, kRealtime, kFast } pacing = Pacing::kDefault;

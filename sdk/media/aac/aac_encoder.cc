@@ -1,0 +1,769 @@
+#include "sdk/media/aac/aac_encoder.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+#include <vector>
+
+#include "sdk/base/logging.h"
+
+namespace tarnel {
+namespace audio {
+
+using aac::BandLayout;
+using aac::ChannelData;
+using aac::kEightShort;
+using aac::kFrameLength;
+using aac::kLongStart;
+using aac::kLongStop;
+using aac::kMaxBands;
+using aac::kNoFit;
+using aac::kOnlyLong;
+using aac::kShortWindowLength;
+using aac::kShortWindows;
+using aac::WindowSequence;
+
+namespace {
+
+constexpr tarn_logging::LogConfig kLogConfig{"aac_encoder"};
+
+constexpr int32_t kAacLcObjectType = 2;
+constexpr int kAdtsHeaderBytes = 7;
+constexpr int kMaxChannels = 2;
+constexpr int kMaxBitsPerChannel = 6144;  // The decoder's input buffer per channel.
+constexpr int kWindowLength = 2 * kFrameLength;
+// Short windows start this far into the frame's 2048 samples (and long-start windows
+// end their flat part here).
+constexpr int kShortStart = (kFrameLength - kShortWindowLength) / 2;  // 448
+
+// AAC's quantiser rounds |x|^(3/4) / step^(3/4) up from this fraction.
+constexpr float kRoundingOffset = 0.4054f;
+// log2 of the largest value the quantiser may produce before rounding, 8191.5946^(4/3).
+const float kLog2MaxQuantInput = (4.0f / 3.0f) * std::log2(8191.5946f);
+
+// A block whose samples all stay under this (-60 dBFS) leaves nothing for a mismatched
+// window overlap to disturb, so an attack right after it may switch to short windows at
+// once.
+constexpr float kQuietBlockPeak = 32.0f;
+// Short windows whose energies differ by more than this factor go into separate groups.
+constexpr float kGroupEnergyRatio = 8.0f;
+// Energy-weighted tonality above which a frame takes the Kaiser-Bessel-derived window.
+constexpr float kKaiserBesselTonality = 0.6f;
+
+// The rate loop's common scalefactor offset stays within this (±90 dB of noise).
+constexpr int kOffsetRange = 60;
+
+// Bits of the frame's fixed parts: element header, ID_END.
+constexpr int kFrameOverheadBits = aac::kElementHeaderBits + aac::kEndBits;
+
+inline int RoundUpToByte(int bits) { return (bits + 7) & ~7; }
+
+// Rising half (`half` samples) of the sine window of 2 * half samples.
+void SineWindow(int half, float* window) {
+  for (int i = 0; i < half; ++i) {
+    window[i] = static_cast<float>(std::sin(M_PI * (i + 0.5) / (2 * half)));
+  }
+}
+
+// Rising half of the Kaiser-Bessel-derived window with parameter `alpha`: its far
+// side lobes lie much lower than the sine window's, so a loud tone leaks less into
+// distant lines (which would cost bits), at the price of a wider main lobe.
+void KaiserBesselDerivedWindow(int half, double alpha, float* window) {
+  auto bessel_i0 = [](double x) {
+    double sum = 1.0, term = 1.0;
+    for (int k = 1; k < 50; ++k) {
+      term *= (x / (2 * k)) * (x / (2 * k));
+      sum += term;
+    }
+    return sum;
+  };
+  std::vector<double> kaiser(static_cast<size_t>(half) + 1);
+  double total = 0.0;
+  for (int j = 0; j <= half; ++j) {
+    const double r = 2.0 * j / half - 1.0;
+    kaiser[j] = bessel_i0(M_PI * alpha * std::sqrt(1.0 - r * r));
+    total += kaiser[j];
+  }
+  double running = 0.0;
+  for (int i = 0; i < half; ++i) {
+    running += kaiser[i];
+    window[i] = static_cast<float>(std::sqrt(running / total));
+  }
+}
+
+}  // namespace
+
+// What the analysis of one channel gives the quantiser, per group and band.
+struct AacEncoder::ChannelPlan {
+  float energy[kShortWindows][kMaxBands];
+  float threshold[kShortWindows][kMaxBands];
+  // The scalefactor (before the common offset) at which the band's noise meets its
+  // threshold, and the smallest one that keeps every value codable.
+  float base_sf[kShortWindows][kMaxBands];
+  int16_t min_sf[kShortWindows][kMaxBands];
+};
+
+struct AacEncoder::State {
+  // Per channel: the previous and the newest block, 16-bit PCM units.
+  alignas(32) float history[kMaxChannels][kWindowLength];
+  alignas(32) float windowed[kWindowLength];
+  // Per channel: MDCT lines in natural order (long, or 8 x 128), then |x|^(3/4).
+  alignas(32) float spectrum[kMaxChannels][kFrameLength];
+  alignas(32) float magnitude34[kMaxChannels][kFrameLength];
+  // Rising halves of the windows, per shape (0 sine, 1 Kaiser-Bessel-derived).
+  float long_window[2][kFrameLength];
+  float short_window[2][kShortWindowLength];
+  // The shape of the previous frame's right half (this frame's left) and of this one's.
+  int previous_shape = 0;
+  int shape = 0;
+  // Of the previous frame: its energy-weighted tonality, which picks the next shape.
+  float tonality = 0.0f;
+  float tonality_sum = 0.0f;
+  float energy_sum = 0.0f;
+  // 2^(-3/16 (sf - 100)): multiplies |x|^(3/4) into the quantiser's domain.
+  float quant_scale[256];
+
+  aac::TransientDetector detector[kMaxChannels];
+  float previous_peak[kMaxChannels] = {};
+  float peak[kMaxChannels] = {};
+  aac::MaskingModel long_model;
+  aac::MaskingModel short_model;
+  const BandLayout* layout = nullptr;
+
+  WindowSequence sequence = kOnlyLong;
+  WindowSequence previous_sequence = kOnlyLong;
+  int num_groups = 1;
+  uint8_t group_length[kShortWindows] = {1};
+
+  ChannelPlan plan[kMaxChannels];
+  ChannelData data[kMaxChannels];
+  ChannelData best[kMaxChannels];
+  uint8_t ms_used[kShortWindows][kMaxBands] = {};
+  bool any_ms = false;
+  float pe = 0.0f;  // Perceptual entropy of the frame, in bits.
+  int nonzero_lines = 0;
+
+  std::vector<uint8_t> output;
+};
+
+AacEncoder::AacEncoder() = default;
+AacEncoder::~AacEncoder() = default;
+
+bool AacEncoder::Init(const AudioEncodeParams& params) {
+  state_.reset();
+  sample_rate_ = channels_ = bitrate_ = 0;
+  const int index = aac::SamplingFrequencyIndex(params.sample_rate);
+  const BandLayout* layout = aac::BandLayoutForSampleRate(params.sample_rate);
+  const int64_t max_per_channel =
+      static_cast<int64_t>(kMaxBitsPerChannel) * params.sample_rate / kFrameLength;
+  if (params.codec_format != kAac || params.aac_profile != kAacLcObjectType ||
+      params.channels < 1 || params.channels > kMaxChannels || params.bits_per_sample != 16 ||
+      index < 0 || layout == nullptr || params.bitrate < 8000 * params.channels ||
+      params.bitrate > max_per_channel * params.channels) {
+    TARN_LOG(tarn_logging::LS_ERROR, kLogConfig, this)
+        << "unsupported parameters: format " << params.codec_format << ", profile "
+        << params.aac_profile << ", " << params.channels << " channels, " << params.bits_per_sample
+        << " bits, " << params.sample_rate << " Hz, " << params.bitrate << " b/s (8000 to "
+        << max_per_channel << " b/s a channel)";
+    return false;
+  }
+  long_mdct_ = aac::Mdct::Create(kFrameLength);
+  short_mdct_ = aac::Mdct::Create(kShortWindowLength);
+  if (!long_mdct_ || !short_mdct_) {
+    TARN_LOG(tarn_logging::LS_ERROR, kLogConfig, this) << "cannot set up the MDCT";
+    return false;
+  }
+
+  state_ = std::make_unique<State>();
+  State& s = *state_;
+  std::memset(s.history, 0, sizeof(s.history));
+  SineWindow(kFrameLength, s.long_window[0]);
+  SineWindow(kShortWindowLength, s.short_window[0]);
+  KaiserBesselDerivedWindow(kFrameLength, 4.0, s.long_window[1]);
+  KaiserBesselDerivedWindow(kShortWindowLength, 6.0, s.short_window[1]);
+  for (int sf = 0; sf < 256; ++sf) {
+    s.quant_scale[sf] = std::exp2(-0.1875f * static_cast<float>(sf - aac::kScalefactorOffset));
+  }
+  s.layout = layout;
+  // The audio band coded, from the bit rate per channel: narrower at low rates, so the
+  // bits go where the ear is most sensitive (about 16 kHz at 64 kb/s, 18 kHz at 96).
+  const float per_channel = static_cast<float>(params.bitrate) / params.channels;
+  const float cutoff = std::min({0.5f * params.sample_rate, 12000.0f + per_channel / 16.0f,
+                                 3000.0f + per_channel / 4.0f, 20000.0f});
+  s.long_model.Init(params.sample_rate, kFrameLength, layout->long_offsets, layout->num_long_bands,
+                    cutoff);
+  s.short_model.Init(params.sample_rate, kShortWindowLength, layout->short_offsets,
+                     layout->num_short_bands, cutoff);
+  for (ChannelData& data : s.data) data.layout = layout;
+  s.output.resize(kAdtsHeaderBytes + kMaxBitsPerChannel * kMaxChannels / 8 + 16);
+
+  sample_rate_ = params.sample_rate;
+  channels_ = params.channels;
+  bitrate_ = params.bitrate;
+  adts_ = params.raw_access_units == 0;
+  sampling_frequency_index_ = index;
+  bits_per_frame_num_ = static_cast<int64_t>(bitrate_) * kFrameLength;
+  bits_remainder_ = 0;
+  mean_frame_bits_ = static_cast<int>(bits_per_frame_num_ / sample_rate_);
+  reservoir_bits_ = 0;
+  reservoir_max_ = kMaxBitsPerChannel * channels_ - mean_frame_bits_ - 8;
+  previous_offset_ = 0;
+  mean_pe_ = 0.0f;
+  return true;
+}
+
+int32_t AacEncoder::GetInputSizeInBytes() const {
+  return state_ ? kFrameLength * channels_ * static_cast<int32_t>(sizeof(int16_t)) : 0;
+}
+
+int32_t AacEncoder::GetPrimingSamples() const { return state_ ? kFrameLength : 0; }
+
+std::shared_ptr<AudioFrame> AacEncoder::Encode(std::shared_ptr<AudioFrame> input) {
+  if (!state_) {
+    TARN_LOG(tarn_logging::LS_ERROR, kLogConfig, this) << "Encode before a successful Init";
+    return nullptr;
+  }
+  if (!input || input->GetAudioFrameFormat() != kPcm ||
+      input->GetSize() != static_cast<uint64_t>(GetInputSizeInBytes())) {
+    TARN_LOG(tarn_logging::LS_ERROR, kLogConfig, this)
+        << "input must be " << GetInputSizeInBytes() << " bytes of PCM, got "
+        << (input ? input->GetSize() : 0) << " bytes of format "
+        << (input ? input->GetAudioFrameFormat() : 0);
+    return nullptr;
+  }
+  if ((input->GetSampleRate() != 0 && input->GetSampleRate() != sample_rate_) ||
+      (input->GetChannels() != 0 && input->GetChannels() != channels_)) {
+    TARN_LOG(tarn_logging::LS_ERROR, kLogConfig, this)
+        << "input is " << input->GetSampleRate() << " Hz, " << input->GetChannels()
+        << " channels; the encoder was set up for " << sample_rate_ << " Hz, " << channels_;
+    return nullptr;
+  }
+  State& s = *state_;
+
+  // The newest block moves in behind the previous one.
+  const uint8_t* pcm = input->GetData();
+  for (int ch = 0; ch < channels_; ++ch) {
+    float* history = s.history[ch];
+    std::memmove(history, history + kFrameLength, kFrameLength * sizeof(float));
+    float* block = history + kFrameLength;
+    float peak = 0.0f;
+    for (int i = 0; i < kFrameLength; ++i) {
+      int16_t sample;
+      std::memcpy(&sample, pcm + (static_cast<size_t>(i) * channels_ + ch) * sizeof(int16_t),
+                  sizeof(sample));
+      block[i] = static_cast<float>(sample);
+      peak = std::max(peak, std::fabs(block[i]));
+    }
+    s.previous_peak[ch] = s.peak[ch];
+    s.peak[ch] = peak;
+  }
+
+  bool early_attack = false;
+  s.previous_sequence = s.sequence;
+  s.sequence = ChooseWindowSequence(&early_attack);
+  // Strongly tonal audio (as the last frame was) takes the Kaiser-Bessel-derived shape.
+  s.previous_shape = s.shape;
+  s.shape = s.sequence != kEightShort && s.tonality > kKaiserBesselTonality ? 1 : 0;
+  for (int ch = 0; ch < channels_; ++ch) Transform(ch, s.sequence);
+  if (s.sequence == kEightShort) {
+    GroupShortWindows();
+  } else {
+    s.num_groups = 1;
+    s.group_length[0] = 1;
+  }
+  s.pe = 0.0f;
+  s.tonality_sum = s.energy_sum = 0.0f;
+  for (int ch = 0; ch < channels_; ++ch) Analyze(ch);
+  s.tonality = s.energy_sum > 0.0f ? s.tonality_sum / s.energy_sum : 0.0f;
+  s.any_ms = false;
+  if (channels_ == 2) ChooseMidSide();
+  s.nonzero_lines = 0;
+  for (int ch = 0; ch < channels_; ++ch) PrepareQuantisation(ch);
+
+  int target = 0;
+  int most = 0;
+  FrameBudget(early_attack || s.sequence == kEightShort, &target, &most);
+  const int element_bits = Search(target, most);
+  if (element_bits == kNoFit) {
+    TARN_LOG(tarn_logging::LS_ERROR, kLogConfig, this) << "no quantisation fits the frame";
+    return nullptr;
+  }
+  return Emit(input->GetTimestampInMs(), element_bits);
+}
+
+WindowSequence AacEncoder::ChooseWindowSequence(bool* early_attack) {
+  State& s = *state_;
+  bool late = false;
+  bool early = false;
+  bool quiet_before = true;
+  for (int ch = 0; ch < channels_; ++ch) {
+    const aac::TransientDetector::Result result =
+        s.detector[ch].Analyze(s.history[ch] + kFrameLength, kShortStart);
+    late = late || result.late_attack;
+    // Early: within what this frame's window covers of the block (up to 576).
+    early = early || (result.first_attack_slice >= 0 &&
+                      result.first_attack_slice * aac::TransientDetector::kSliceLength <
+                          kShortStart + kShortWindowLength);
+    quiet_before = quiet_before && s.previous_peak[ch] < kQuietBlockPeak;
+  }
+  // The frame's short windows cover the second half of the previous block and the first
+  // half of this one; the next frame's, this block's second half.
+  WindowSequence sequence;
+  switch (s.sequence) {
+    case kLongStart:
+      sequence = kEightShort;
+      break;
+    case kEightShort:
+      sequence = late ? kEightShort : kLongStop;
+      break;
+    default:
+      if (early && quiet_before) {
+        sequence = kEightShort;
+      } else {
+        sequence = late ? kLongStart : kOnlyLong;
+      }
+      break;
+  }
+  *early_attack = early && sequence != kEightShort;
+  return sequence;
+}
+
+void AacEncoder::Transform(int channel, WindowSequence sequence) {
+  State& s = *state_;
+  const float* x = s.history[channel];
+  float* z = s.windowed;
+  float* out = s.spectrum[channel];
+  // The left half's slope has the previous frame's shape, every other slope this one's.
+  const float* long_left = s.long_window[s.previous_shape];
+  const float* long_right = s.long_window[s.shape];
+  const float* short_left = s.short_window[s.previous_shape];
+  const float* short_right = s.short_window[s.shape];
+  if (sequence == kEightShort) {
+    for (int w = 0; w < kShortWindows; ++w) {
+      const float* in = x + kShortStart + w * kShortWindowLength;
+      const float* rise = w == 0 ? short_left : short_right;
+      for (int i = 0; i < kShortWindowLength; ++i) {
+        z[i] = in[i] * rise[i];
+        z[2 * kShortWindowLength - 1 - i] = in[2 * kShortWindowLength - 1 - i] * short_right[i];
+      }
+      short_mdct_->Forward(z, out + w * kShortWindowLength);
+    }
+    return;
+  }
+  // Left half: long rise, or for a stop window zeros, a short rise and ones.
+  if (sequence == kLongStop) {
+    for (int i = 0; i < kShortStart; ++i) z[i] = 0.0f;
+    for (int i = 0; i < kShortWindowLength; ++i) {
+      z[kShortStart + i] = x[kShortStart + i] * short_left[i];
+    }
+    for (int i = kShortStart + kShortWindowLength; i < kFrameLength; ++i) z[i] = x[i];
+  } else {
+    for (int i = 0; i < kFrameLength; ++i) z[i] = x[i] * long_left[i];
+  }
+  // Right half: long fall, or for a start window ones, a short fall and zeros.
+  const float* right = x + kFrameLength;
+  float* zr = z + kFrameLength;
+  if (sequence == kLongStart) {
+    for (int i = 0; i < kShortStart; ++i) zr[i] = right[i];
+    for (int i = 0; i < kShortWindowLength; ++i) {
+      zr[kShortStart + i] = right[kShortStart + i] * short_right[kShortWindowLength - 1 - i];
+    }
+    for (int i = kShortStart + kShortWindowLength; i < kFrameLength; ++i) zr[i] = 0.0f;
+  } else {
+    for (int i = 0; i < kFrameLength; ++i) zr[i] = right[i] * long_right[kFrameLength - 1 - i];
+  }
+  long_mdct_->Forward(z, out);
+}
+
+void AacEncoder::GroupShortWindows() {
+  State& s = *state_;
+  float energy[kShortWindows];
+  for (int w = 0; w < kShortWindows; ++w) {
+    float sum = 1.0f;
+    for (int ch = 0; ch < channels_; ++ch) {
+      const float* line = s.spectrum[ch] + w * kShortWindowLength;
+      for (int i = 0; i < kShortWindowLength; ++i) sum += line[i] * line[i];
+    }
+    energy[w] = sum;
+  }
+  // Consecutive windows of similar energy share scalefactors; an attack starts a group.
+  s.num_groups = 0;
+  float reference = 0.0f;
+  for (int w = 0; w < kShortWindows; ++w) {
+    if (w == 0 || energy[w] > kGroupEnergyRatio * reference ||
+        energy[w] * kGroupEnergyRatio < reference) {
+      s.group_length[s.num_groups++] = 1;
+      reference = energy[w];
+    } else {
+      ++s.group_length[s.num_groups - 1];
+    }
+  }
+}
+
+void AacEncoder::Analyze(int channel) {
+  State& s = *state_;
+  ChannelPlan& plan = s.plan[channel];
+  const bool is_short = s.sequence == kEightShort;
+  const aac::MaskingModel& model = is_short ? s.short_model : s.long_model;
+  const uint16_t* offsets = is_short ? s.layout->short_offsets : s.layout->long_offsets;
+  const int bands = model.num_bands();
+  const float* spectrum = s.spectrum[channel];
+  // Tonality only for long windows: short ones are taken where there are attacks.
+  float tonality[kMaxBands];
+  if (!is_short) model.Tonality(spectrum, tonality);
+  float weighted = 0.0f;
+  float total = 0.0f;
+  int window = 0;
+  for (int g = 0; g < s.num_groups; ++g) {
+    const int length = s.group_length[g];
+    float energy[kMaxBands];
+    for (int b = 0; b < bands; ++b) {
+      float sum = 0.0f;
+      for (int w = window; w < window + length; ++w) {
+        const float* line = spectrum + w * kShortWindowLength;
+        for (int k = offsets[b]; k < offsets[b + 1]; ++k) sum += line[k] * line[k];
+      }
+      // A window's energy: the model's thresholds are per window.
+      energy[b] = sum / static_cast<float>(length);
+      plan.energy[g][b] = sum;
+    }
+    model.Thresholds(energy, is_short ? nullptr : tonality, plan.threshold[g]);
+    if (!is_short) {
+      for (int b = 0; b < model.coded_bands(); ++b) {
+        weighted += tonality[b] * energy[b];
+        total += energy[b];
+      }
+    }
+    for (int b = 0; b < bands; ++b) plan.threshold[g][b] *= static_cast<float>(length);
+    window += length;
+  }
+  // The frame's tonality: the loudest channel's weighs most.
+  s.tonality_sum += weighted;
+  s.energy_sum += total;
+}
+
+void AacEncoder::ChooseMidSide() {
+  State& s = *state_;
+  const bool is_short = s.sequence == kEightShort;
+  const uint16_t* offsets = is_short ? s.layout->short_offsets : s.layout->long_offsets;
+  const int bands = (is_short ? s.short_model : s.long_model).coded_bands();
+  float* left = s.spectrum[0];
+  float* right = s.spectrum[1];
+  ChannelPlan& l = s.plan[0];
+  ChannelPlan& r = s.plan[1];
+  int window = 0;
+  for (int g = 0; g < s.num_groups; ++g) {
+    const int length = s.group_length[g];
+    for (int b = 0; b < bands; ++b) {
+      float mid_energy = 0.0f;
+      float side_energy = 0.0f;
+      for (int w = window; w < window + length; ++w) {
+        const int base = w * kShortWindowLength;
+        for (int k = base + offsets[b]; k < base + offsets[b + 1]; ++k) {
+          const float m = 0.5f * (left[k] + right[k]);
+          const float d = 0.5f * (left[k] - right[k]);
+          mid_energy += m * m;
+          side_energy += d * d;
+        }
+      }
+      // Noise in mid and side adds up in both outputs: each may have half the smaller
+      // threshold. Mid/side wins where that costs fewer bits (a smaller product of
+      // energy-to-threshold ratios).
+      const float tl = l.threshold[g][b];
+      const float tr = r.threshold[g][b];
+      const float tms = 0.5f * std::min(tl, tr);
+      const float cost_lr = std::max(l.energy[g][b], tl) / tl * (std::max(r.energy[g][b], tr) / tr);
+      const float cost_ms = std::max(mid_energy, tms) / tms * (std::max(side_energy, tms) / tms);
+      const bool use = cost_ms < cost_lr;
+      s.ms_used[g][b] = use;
+      if (!use) continue;
+      s.any_ms = true;
+      for (int w = window; w < window + length; ++w) {
+        const int base = w * kShortWindowLength;
+        for (int k = base + offsets[b]; k < base + offsets[b + 1]; ++k) {
+          const float m = 0.5f * (left[k] + right[k]);
+          const float d = 0.5f * (left[k] - right[k]);
+          left[k] = m;
+          right[k] = d;
+        }
+      }
+      l.energy[g][b] = mid_energy;
+      r.energy[g][b] = side_energy;
+      l.threshold[g][b] = r.threshold[g][b] = tms;
+    }
+    for (int b = bands; b < kMaxBands; ++b) s.ms_used[g][b] = 0;
+    window += length;
+  }
+}
+
+void AacEncoder::PrepareQuantisation(int channel) {
+  State& s = *state_;
+  ChannelPlan& plan = s.plan[channel];
+  const bool is_short = s.sequence == kEightShort;
+  const aac::MaskingModel& model = is_short ? s.short_model : s.long_model;
+  const uint16_t* offsets = is_short ? s.layout->short_offsets : s.layout->long_offsets;
+  const float* spectrum = s.spectrum[channel];
+  float* magnitude34 = s.magnitude34[channel];
+  for (int k = 0; k < kFrameLength; ++k) {
+    const float a = std::fabs(spectrum[k]);
+    magnitude34[k] = std::sqrt(a * std::sqrt(a));
+  }
+  int window = 0;
+  for (int g = 0; g < s.num_groups; ++g) {
+    const int length = s.group_length[g];
+    for (int b = 0; b < model.num_bands(); ++b) {
+      float root_sum = 0.0f;  // Sum of sqrt|x|.
+      float peak = 0.0f;
+      for (int w = window; w < window + length; ++w) {
+        const int base = w * kShortWindowLength;
+        for (int k = base + offsets[b]; k < base + offsets[b + 1]; ++k) {
+          const float a = std::fabs(spectrum[k]);
+          root_sum += std::sqrt(a);
+          peak = std::max(peak, a);
+        }
+      }
+      const float energy = plan.energy[g][b];
+      const float threshold = plan.threshold[g][b];
+      if (b >= model.coded_bands() || root_sum <= 0.0f) {
+        plan.base_sf[g][b] = 1e9f;  // Never coded.
+        plan.min_sf[g][b] = 0;
+        continue;
+      }
+      // Noise of the power-law quantiser with step 2^((sf-100)/4):
+      // (4/27) step^1.5 sum sqrt|x|; solve for the step whose noise is the threshold.
+      plan.base_sf[g][b] = aac::kScalefactorOffset +
+                           (8.0f / 3.0f) * std::log2(27.0f * threshold / (4.0f * root_sum));
+      plan.min_sf[g][b] = static_cast<int16_t>(
+          std::ceil(aac::kScalefactorOffset +
+                    4.0f * (std::log2(std::max(peak, 1e-9f)) - kLog2MaxQuantInput) + 1e-3f));
+      if (energy > threshold) {
+        s.pe += 0.5f * static_cast<float>((offsets[b + 1] - offsets[b]) * length) *
+                std::log2(energy / threshold);
+      }
+    }
+    window += length;
+  }
+}
+
+void AacEncoder::QuantiseChannel(int channel, int offset, bool uniform) {
+  State& s = *state_;
+  const ChannelPlan& plan = s.plan[channel];
+  ChannelData& data = s.data[channel];
+  const bool is_short = s.sequence == kEightShort;
+  const aac::MaskingModel& model = is_short ? s.short_model : s.long_model;
+  const uint16_t* offsets = is_short ? s.layout->short_offsets : s.layout->long_offsets;
+  const int bands = model.num_bands();
+  const float* spectrum = s.spectrum[channel];
+  const float* magnitude34 = s.magnitude34[channel];
+  // The noise the common offset allows, relative to the threshold: 1.5 dB a step in the
+  // step size is 2^(3/8) in noise power.
+  const float noise_factor = std::exp2(0.375f * static_cast<float>(offset));
+  data.ics.window_sequence = s.sequence;
+  data.ics.window_shape = static_cast<uint8_t>(s.shape);
+  data.ics.num_window_groups = static_cast<uint8_t>(s.num_groups);
+  for (int g = 0; g < kShortWindows; ++g) data.ics.window_group_length[g] = s.group_length[g];
+  data.num_bands = bands;
+
+  // The scalefactor of every band to be coded (-1: left out), in coding order.
+  int planned[kShortWindows * kMaxBands];
+  int count = 0;
+  int highest = 0;
+  for (int g = 0; g < s.num_groups; ++g) {
+    for (int b = 0; b < bands; ++b, ++count) {
+      planned[count] = -1;
+      if (plan.base_sf[g][b] >= 1e8f || plan.energy[g][b] <= plan.threshold[g][b] * noise_factor) {
+        continue;
+      }
+      const int sf = static_cast<int>(std::lround(plan.base_sf[g][b])) + offset;
+      planned[count] = std::clamp(std::max(sf, static_cast<int>(plan.min_sf[g][b])), 0, 255);
+      highest = std::max(highest, planned[count]);
+    }
+  }
+  // Consecutive coded scalefactors may differ by at most 60. Only coarsening is safe
+  // (finer steps could push a value past the largest codable one), so a band far below
+  // its neighbour is raised to the neighbour's reach, forwards and then backwards. As a
+  // last resort every band takes the coarsest step.
+  int previous = -1;
+  for (int i = 0; i < count; ++i) {
+    if (planned[i] < 0) continue;
+    if (uniform) planned[i] = highest;
+    if (previous >= 0) planned[i] = std::max(planned[i], previous - aac::kMaxScalefactorDelta);
+    previous = planned[i];
+  }
+  previous = -1;
+  for (int i = count - 1; i >= 0; --i) {
+    if (planned[i] < 0) continue;
+    if (previous >= 0) planned[i] = std::max(planned[i], previous - aac::kMaxScalefactorDelta);
+    previous = planned[i];
+  }
+
+  int window = 0;
+  int index = 0;
+  for (int g = 0; g < s.num_groups; ++g) {
+    const int length = s.group_length[g];
+    for (int b = 0; b < bands; ++b, ++index) {
+      const int sf = planned[index];
+      data.scalefactor[g][b] = static_cast<int16_t>(std::max(sf, 0));
+      for (int w = window; w < window + length; ++w) {
+        const int base = w * kShortWindowLength;
+        if (sf < 0) {
+          std::fill(data.quant + base + offsets[b], data.quant + base + offsets[b + 1], 0);
+          continue;
+        }
+        const float scale = s.quant_scale[sf];
+        for (int k = base + offsets[b]; k < base + offsets[b + 1]; ++k) {
+          const int q = static_cast<int>(magnitude34[k] * scale + kRoundingOffset);
+          data.quant[k] = spectrum[k] < 0.0f ? -q : q;
+        }
+      }
+    }
+    window += length;
+  }
+}
+
+int AacEncoder::CountElementBits() {
+  State& s = *state_;
+  if (channels_ == 1) return aac::PrepareChannel(&s.data[0]);
+  return aac::PrepareChannelPair(&s.data[0], &s.data[1], s.any_ms ? s.ms_used : nullptr);
+}
+
+int AacEncoder::QuantiseAll(int offset, bool uniform) {
+  for (int ch = 0; ch < channels_; ++ch) QuantiseChannel(ch, offset, uniform);
+  return CountElementBits();
+}
+
+void AacEncoder::FrameBudget(bool transient, int* target, int* most) const {
+  const int mean = static_cast<int>((bits_remainder_ + bits_per_frame_num_) / sample_rate_);
+  *most = std::min(mean + reservoir_bits_, kMaxBitsPerChannel * channels_);
+  // Frames that carry more information than usual (perceptual entropy above its running
+  // mean) get more, within the reservoir; the reservoir drifts back to half full.
+  const State& s = *state_;
+  float share = 1.0f;
+  if (mean_pe_ > 0.0f) share = std::clamp(std::sqrt(s.pe / mean_pe_), 0.6f, 1.8f);
+  float wanted = mean * share + 0.2f * (reservoir_bits_ - 0.3f * reservoir_max_);
+  if (transient) wanted = std::max(wanted, mean + 0.6f * reservoir_bits_);
+  *target = std::clamp(static_cast<int>(wanted), mean / 4, *most);
+}
+
+int AacEncoder::Search(int target, int most) {
+  State& s = *state_;
+  int nonzero = 0;
+  int element = 0;
+  // Bytes of the whole frame (header, element, ID_END) at `offset`, kNoFit when the
+  // syntax cannot carry it.
+  auto count = [&](int offset, bool uniform) {
+    element = QuantiseAll(offset, uniform);
+    if (element == kNoFit) return kNoFit;
+    nonzero = 0;
+    for (int ch = 0; ch < channels_; ++ch) {
+      for (int k = 0; k < kFrameLength; ++k) nonzero += s.data[ch].quant[k] != 0;
+    }
+    return RoundUpToByte(element + kFrameOverheadBits);
+  };
+  int best_element = kNoFit;
+  int best_offset = 0;
+  auto keep = [&](int offset) {
+    best_element = element;
+    best_offset = offset;
+    for (int ch = 0; ch < channels_; ++ch) s.best[ch] = s.data[ch];
+  };
+
+  // Each step of the offset costs ~0.3 bits a nonzero value (3/16 of a bit of precision,
+  // and values that drop to zero or rise from it), which
+  // predicts the next try; a bracket around the answer keeps the search from cycling.
+  const int tolerance = std::max(16, mean_frame_bits_ / 32);
+  int offset = std::clamp(previous_offset_, -kOffsetRange, kOffsetRange);
+  int fits_at = 1 << 20;      // Smallest offset known to fit the target.
+  int fails_at = -(1 << 20);  // Largest offset known to exceed it.
+  for (int round = 0; round < 8; ++round) {
+    const int bits = count(offset, false);
+    if (bits != kNoFit && bits <= target) {
+      if (offset < fits_at) {
+        fits_at = offset;
+        keep(offset);
+      }
+      // Close enough, or nothing to code at all (silence): finer steps change nothing.
+      if (target - bits <= tolerance || nonzero == 0) break;
+    } else {
+      fails_at = std::max(fails_at, offset);
+    }
+    if (fits_at - fails_at <= 1) break;
+    const float slope = std::max(0.3f * static_cast<float>(nonzero), 16.0f);
+    int step = bits == kNoFit ? 8 : static_cast<int>(std::lround((bits - target) / slope));
+    if (step == 0) step = bits <= target ? -1 : 1;
+    int next = std::clamp(offset + step, -kOffsetRange, kOffsetRange);
+    if (next >= fits_at || next <= fails_at) {
+      next = fits_at < (1 << 20) && fails_at > -(1 << 20) ? (fits_at + fails_at) / 2
+             : next >= fits_at                            ? fits_at - 1
+                                                          : fails_at + 1;
+    }
+    offset = next;
+  }
+  if (best_element == kNoFit) {
+    // Nothing met the target: coarsen until the frame fits what may be spent, with one
+    // scalefactor for all bands if the syntax refuses the spread between them.
+    const int first = std::max(offset, fails_at + 1);
+    for (const bool uniform : {false, true}) {
+      for (offset = first; offset < first + 256 && best_element == kNoFit; offset += 4) {
+        const int bits = count(offset, uniform);
+        if (bits != kNoFit && bits <= most) keep(offset);
+      }
+    }
+    if (best_element == kNoFit) return kNoFit;
+  }
+  for (int ch = 0; ch < channels_; ++ch) s.data[ch] = s.best[ch];
+  previous_offset_ = best_offset;
+  return best_element;
+}
+
+std::shared_ptr<AudioFrame> AacEncoder::Emit(uint32_t timestamp_ms, int element_bits) {
+  State& s = *state_;
+  const int mean = static_cast<int>((bits_remainder_ + bits_per_frame_num_) / sample_rate_);
+  bits_remainder_ = (bits_remainder_ + bits_per_frame_num_) % sample_rate_;
+  const int available = mean + reservoir_bits_;
+  int frame_bits = RoundUpToByte(element_bits + kFrameOverheadBits);
+  // What the reservoir cannot keep is padded out with fill elements.
+  int fill_bits = 0;
+  const int excess = available - frame_bits - reservoir_max_;
+  if (excess > 0) {
+    fill_bits = RoundUpToByte(excess + aac::kElementHeaderBits) - 1;  // 7 + 8n bits.
+    frame_bits = RoundUpToByte(element_bits + kFrameOverheadBits + fill_bits);
+  }
+  reservoir_bits_ = available - frame_bits;
+
+  uint8_t* out = s.output.data();
+  const int header = adts_ ? kAdtsHeaderBytes : 0;
+  aac::BitWriter writer(out + header, s.output.size() - header);
+  if (channels_ == 1) {
+    aac::WriteSingleChannelElement(&writer, s.data[0]);
+  } else {
+    aac::WriteChannelPairElement(&writer, s.data[0], s.data[1], s.any_ms ? s.ms_used : nullptr);
+  }
+  while (fill_bits >= aac::kElementHeaderBits) {
+    fill_bits -= aac::WriteFillElement(&writer, fill_bits);
+  }
+  aac::WriteEnd(&writer);
+  if (writer.overflowed()) {
+    TARN_LOG(tarn_logging::LS_ERROR, kLogConfig, this) << "access unit overflowed its buffer";
+    return nullptr;
+  }
+  const int payload = static_cast<int>(writer.byte_count());
+  if (adts_) {
+    const int fullness = std::min(reservoir_bits_ / (32 * channels_), 0x7FE);
+    aac::WriteAdtsHeader(out, sampling_frequency_index_, channels_, payload, fullness);
+  }
+  // Running mean of the perceptual entropy, for the next frames' shares.
+  mean_pe_ = mean_pe_ <= 0.0f ? s.pe : 0.95f * mean_pe_ + 0.05f * s.pe;
+
+  auto frame = std::make_shared<AudioFrame>();
+  frame->SetData(out, static_cast<uint64_t>(header + payload));
+  frame->SetTimestampInMs(timestamp_ms);
+  frame->SetSampleRate(sample_rate_);
+  frame->SetChannels(channels_);
+  frame->SetAudioFrameFormat(kAac);
+  frame->SetEncoderDelaySamples(kFrameLength);
+  return frame;
+}
+
+}  // namespace audio
+}  // namespace tarnel

@@ -462,12 +462,19 @@ void PutRun(BitWriter* writer, const int32_t* v, int count, int codebook) {
         index = UnsignedPairIndex(tuple, book.modulus);
         break;
     }
-    PutCode(writer, book.codes[index]);
+    // The codeword and the sign bits (1 = negative) of an unsigned book in one go: at most
+    // 16 + 4 bits.
+    uint32_t bits = book.codes[index].codeword;
+    int length = book.codes[index].length;
     if (!book.is_signed) {
       for (int k = 0; k < book.dimension; ++k) {
-        if (tuple[k] != 0) writer->Put(tuple[k] < 0 ? 1 : 0, 1);
+        if (tuple[k] != 0) {
+          bits = bits << 1 | (tuple[k] < 0 ? 1u : 0u);
+          ++length;
+        }
       }
     }
+    writer->Put(bits, length);
     if (codebook == kEscapeCodebook) {
       PutEscape(writer, Abs(tuple[0]));
       PutEscape(writer, Abs(tuple[1]));

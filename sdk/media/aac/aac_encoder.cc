@@ -110,6 +110,7 @@ struct AacEncoder::State {
   // Per channel: MDCT lines in natural order (long, or 8 x 128), then |x|^(3/4).
   alignas(32) float spectrum[kMaxChannels][kFrameLength];
   alignas(32) float magnitude34[kMaxChannels][kFrameLength];
+  alignas(32) int32_t sign[kMaxChannels][kFrameLength];  // Of each line: -1 or 1.
   // Rising halves of the windows, per shape (0 sine, 1 Kaiser-Bessel-derived).
   float long_window[2][kFrameLength];
   float short_window[2][kShortWindowLength];
@@ -205,8 +206,11 @@ bool AacEncoder::Init(const AudioEncodeParams& params) {
   bits_per_frame_num_ = static_cast<int64_t>(bitrate_) * kFrameLength;
   bits_remainder_ = 0;
   mean_frame_bits_ = static_cast<int>(bits_per_frame_num_ / sample_rate_);
-  reservoir_bits_ = 0;
+  // The stream starts with the decoder's buffer full (the first ADTS header says so: a
+  // decoder that streams waits for that much): the first frames, an onset as often as
+  // not, can borrow at once.
   reservoir_max_ = kMaxBitsPerChannel * channels_ - mean_frame_bits_ - 8;
+  reservoir_bits_ = reservoir_max_;
   previous_offset_ = 0;
   mean_pe_ = 0.0f;
   return true;
@@ -504,22 +508,25 @@ void AacEncoder::PrepareQuantisation(int channel) {
   const uint16_t* offsets = is_short ? s.layout->short_offsets : s.layout->long_offsets;
   const float* spectrum = s.spectrum[channel];
   float* magnitude34 = s.magnitude34[channel];
+  int32_t* sign = s.sign[channel];
+  float root[kFrameLength];  // sqrt|x|
   for (int k = 0; k < kFrameLength; ++k) {
     const float a = std::fabs(spectrum[k]);
-    magnitude34[k] = std::sqrt(a * std::sqrt(a));
+    root[k] = std::sqrt(a);
+    magnitude34[k] = std::sqrt(a * root[k]);
+    sign[k] = spectrum[k] < 0.0f ? -1 : 1;
   }
   int window = 0;
   for (int g = 0; g < s.num_groups; ++g) {
     const int length = s.group_length[g];
     for (int b = 0; b < model.num_bands(); ++b) {
-      float root_sum = 0.0f;  // Sum of sqrt|x|.
-      float peak = 0.0f;
+      float root_sum = 0.0f;
+      float peak34 = 0.0f;  // The largest |x|^(3/4).
       for (int w = window; w < window + length; ++w) {
         const int base = w * kShortWindowLength;
         for (int k = base + offsets[b]; k < base + offsets[b + 1]; ++k) {
-          const float a = std::fabs(spectrum[k]);
-          root_sum += std::sqrt(a);
-          peak = std::max(peak, a);
+          root_sum += root[k];
+          peak34 = std::max(peak34, magnitude34[k]);
         }
       }
       const float energy = plan.energy[g][b];
@@ -533,9 +540,10 @@ void AacEncoder::PrepareQuantisation(int channel) {
       // (4/27) step^1.5 sum sqrt|x|; solve for the step whose noise is the threshold.
       plan.base_sf[g][b] = aac::kScalefactorOffset +
                            (8.0f / 3.0f) * std::log2(27.0f * threshold / (4.0f * root_sum));
+      // log2|x| is 4/3 of log2 |x|^(3/4).
+      const float log2_peak = (4.0f / 3.0f) * std::log2(std::max(peak34, 1e-9f));
       plan.min_sf[g][b] = static_cast<int16_t>(
-          std::ceil(aac::kScalefactorOffset +
-                    4.0f * (std::log2(std::max(peak, 1e-9f)) - kLog2MaxQuantInput) + 1e-3f));
+          std::ceil(aac::kScalefactorOffset + 4.0f * (log2_peak - kLog2MaxQuantInput) + 1e-3f));
       if (energy > threshold) {
         s.pe += 0.5f * static_cast<float>((offsets[b + 1] - offsets[b]) * length) *
                 std::log2(energy / threshold);
@@ -553,8 +561,8 @@ void AacEncoder::QuantiseChannel(int channel, int offset, bool uniform) {
   const aac::MaskingModel& model = is_short ? s.short_model : s.long_model;
   const uint16_t* offsets = is_short ? s.layout->short_offsets : s.layout->long_offsets;
   const int bands = model.num_bands();
-  const float* spectrum = s.spectrum[channel];
   const float* magnitude34 = s.magnitude34[channel];
+  const int32_t* sign = s.sign[channel];
   // The noise the common offset allows, relative to the threshold: 1.5 dB a step in the
   // step size is 2^(3/8) in noise power.
   const float noise_factor = std::exp2(0.375f * static_cast<float>(offset));
@@ -612,8 +620,7 @@ void AacEncoder::QuantiseChannel(int channel, int offset, bool uniform) {
         }
         const float scale = s.quant_scale[sf];
         for (int k = base + offsets[b]; k < base + offsets[b + 1]; ++k) {
-          const int q = static_cast<int>(magnitude34[k] * scale + kRoundingOffset);
-          data.quant[k] = spectrum[k] < 0.0f ? -q : q;
+          data.quant[k] = static_cast<int32_t>(magnitude34[k] * scale + kRoundingOffset) * sign[k];
         }
       }
     }
@@ -636,12 +643,14 @@ void AacEncoder::FrameBudget(bool transient, int* target, int* most) const {
   const int mean = static_cast<int>((bits_remainder_ + bits_per_frame_num_) / sample_rate_);
   *most = std::min(mean + reservoir_bits_, kMaxBitsPerChannel * channels_);
   // Frames that carry more information than usual (perceptual entropy above its running
-  // mean) get more, within the reservoir; the reservoir drifts back to half full.
+  // mean) get more, within the reservoir; the reservoir drifts to 30% full.
   const State& s = *state_;
   float share = 1.0f;
   if (mean_pe_ > 0.0f) share = std::clamp(std::sqrt(s.pe / mean_pe_), 0.6f, 1.8f);
   float wanted = mean * share + 0.2f * (reservoir_bits_ - 0.3f * reservoir_max_);
   if (transient) wanted = std::max(wanted, mean + 0.6f * reservoir_bits_);
+  // What the reservoir could not keep would be padded: better spent on this frame.
+  wanted = std::max(wanted, static_cast<float>(mean + reservoir_bits_ - reservoir_max_));
   *target = std::clamp(static_cast<int>(wanted), mean / 4, *most);
 }
 
@@ -682,8 +691,8 @@ int AacEncoder::Search(int target, int most) {
         fits_at = offset;
         keep(offset);
       }
-      // Close enough, or nothing to code at all (silence): finer steps change nothing.
-      if (target - bits <= tolerance || nonzero == 0) break;
+      // Close enough, or as fine as the offset goes.
+      if (target - bits <= tolerance || offset <= -kOffsetRange) break;
     } else {
       fails_at = std::max(fails_at, offset);
     }

@@ -66,7 +66,7 @@ class AacEncoder : public AudioEncoder {
   // count is set (non-zero) it must match Init's. Null on any failure, logged.
   std::shared_ptr<AudioFrame> Encode(std::shared_ptr<AudioFrame> input) override;
 
-  // The bit reservoir's fill after the last frame, in bits (for tests and benchmarks).
+  // The bit reservoir's fill after the last frame (after Init: at the start), in bits.
   int reservoir_bits() const { return reservoir_bits_; }
 
  private:

@@ -647,17 +647,17 @@ void BitWriter::Put(uint32_t value, int count) {
     return;
   }
   if (count < 32) value &= (1u << count) - 1;
-  while (count > 0) {
-    const size_t byte = bits_ >> 3;
-    const int used = static_cast<int>(bits_ & 7);
-    const int room = 8 - used;
-    const int take = std::min(room, count);
-    const uint32_t chunk = (value >> (count - take)) & ((1u << take) - 1);
-    if (used == 0) buffer_[byte] = 0;
-    buffer_[byte] = static_cast<uint8_t>(buffer_[byte] | chunk << (room - take));
-    bits_ += static_cast<size_t>(take);
-    count -= take;
+  // At most 7 pending bits and 32 new ones: the 64-bit register never loses what a byte
+  // still needs.
+  recent_ = (recent_ << count) | value;
+  int pending = static_cast<int>(bits_ & 7) + count;
+  uint8_t* out = buffer_ + (bits_ >> 3);
+  while (pending >= 8) {
+    pending -= 8;
+    *out++ = static_cast<uint8_t>(recent_ >> pending);
   }
+  if (pending > 0) *out = static_cast<uint8_t>(recent_ << (8 - pending));
+  bits_ += static_cast<size_t>(count);
 }
 
 void BitWriter::AlignToByte() { Put(0, static_cast<int>((8 - (bits_ & 7)) & 7)); }

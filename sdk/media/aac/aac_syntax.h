@@ -139,6 +139,9 @@ class BitWriter {
   uint8_t* buffer_;
   size_t capacity_bits_;
   size_t bits_ = 0;
+  // The last bits written, newest lowest; those of the byte not yet complete (bits_ % 8
+  // of them) are also in the buffer already, so the buffer always holds every bit.
+  uint64_t recent_ = 0;
   bool overflowed_ = false;
 };
 

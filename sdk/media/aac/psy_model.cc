@@ -20,6 +20,8 @@ constexpr float kAttackFloor = TransientDetector::kSliceLength * 40.0f * 40.0f;
 // The envelope falls by this factor a slice (~1 dB): a decaying note does not make the
 // next one an attack unless it is clearly louder.
 constexpr float kEnvelopeDecay = 0.8f;
+// A slice this much (30 dB) quieter than the one before ends a sound abruptly.
+constexpr float kCutRatio = 1000.0f;
 
 // Spreading slopes in dB per Bark: masking reaches little down in frequency, and up the
 // further the louder the masker (24 + 230/f - 0.2 L dB per Bark, as in ITU-R BS.1387).
@@ -65,13 +67,24 @@ TransientDetector::Result TransientDetector::Analyze(const float* block, int lat
     const float* x = block + slice * kSliceLength;
     float energy = 0.0f;
     float previous = previous_sample_;
+    float before = sample_before_;
     for (int i = 0; i < kSliceLength; ++i) {
-      const float high = x[i] - previous;  // First difference: a high-pass at ~0 Hz.
+      // Second difference: a high-pass rising 12 dB an octave, so that the onset of a
+      // low note (whose pre-echo no one hears) is no attack, while clicks, plucks and
+      // consonants are.
+      const float high = x[i] - 2.0f * previous + before;
+      before = previous;
       previous = x[i];
       energy += high * high;
     }
     previous_sample_ = previous;
-    if (energy > kAttackFloor && energy > kAttackRatio * envelope_) {
+    sample_before_ = before;
+    // An attack, or an abrupt end (a loud slice followed by near-silence): either would
+    // spread a long window's quantisation noise where there is nothing to mask it.
+    const bool attack = energy > kAttackFloor && energy > kAttackRatio * envelope_;
+    const bool cut = previous_energy_ > kAttackFloor && energy * kCutRatio < previous_energy_;
+    previous_energy_ = energy;
+    if (attack || cut) {
       if (result.first_attack_slice < 0) result.first_attack_slice = slice;
       if ((slice + 1) * kSliceLength > late_from) result.late_attack = true;
     }

@@ -4,7 +4,8 @@
 // Both work on what the encoder computes anyway (the time samples of the newest block
 // and the MDCT lines of the frame), so the model costs a few microseconds a channel:
 //  - TransientDetector finds attacks by the energy of the high-passed signal in
-//    64-sample slices against a decaying envelope of the slices before.
+//    64-sample slices against a decaying envelope of the slices before, and abrupt ends
+//    by a slice far quieter than the one before.
 //  - MaskingModel spreads each band's energy over the neighbouring bands on the Bark
 //    scale (steep towards lower, shallow towards higher frequencies), lowers it by a
 //    masking offset (a few dB under noise, 15-28 dB under a tone: tonality comes from
@@ -39,6 +40,8 @@ class TransientDetector {
 
  private:
   float previous_sample_ = 0.0f;
+  float sample_before_ = 0.0f;
+  float previous_energy_ = 0.0f;
   float envelope_ = 0.0f;
 };
 

@@ -223,7 +223,8 @@ TEST(AacEncoderTest, DecodesToTheInputOneFrameLate) {
 
 // The stream is constant-rate: replaying the bit budget from outside, every frame spends
 // at most the mean plus what the reservoir holds, the reservoir never exceeds what the
-// decoder's 6144-bit-per-channel buffer allows, and the ADTS buffer fullness reports it.
+// decoder's 6144-bit-per-channel buffer allows (it starts full), and the ADTS buffer
+// fullness reports it.
 // Silence decodes to silence.
 TEST(AacEncoderTest, KeepsTheDecoderBufferAndSilence) {
   std::mt19937 rng(3);
@@ -241,8 +242,13 @@ TEST(AacEncoderTest, KeepsTheDecoderBufferAndSilence) {
     const int bitrate = channels == 2 ? kStereoBitrate : kMonoBitrate;
     const std::vector<int16_t> pcm = Render(mixed, 8 * kRate, channels);
     const Encoded e = EncodeAndDecode(pcm, channels, bitrate, /*raw=*/false);
+    AacEncoder fresh;
+    AudioEncodeParams params;
+    params.channels = channels;
+    params.bitrate = bitrate;
+    ASSERT_TRUE(fresh.Init(params));
     int64_t remainder = 0;
-    int64_t reservoir = 0;
+    int64_t reservoir = fresh.reservoir_bits();  // The stream starts with it full.
     const int64_t budget = 6144 * channels;
     for (size_t k = 0; k < e.units.size(); ++k) {
       const uint8_t* h = e.units[k]->GetData();

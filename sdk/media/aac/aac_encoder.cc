@@ -41,10 +41,10 @@ constexpr float kRoundingOffset = 0.4054f;
 // log2 of the largest value the quantiser may produce before rounding, 8191.5946^(4/3).
 const float kLog2MaxQuantInput = (4.0f / 3.0f) * std::log2(8191.5946f);
 
-// A block whose samples all stay under this (-60 dBFS) leaves nothing for a mismatched
-// window overlap to disturb, so an attack right after it may switch to short windows at
-// once.
-constexpr float kQuietBlockPeak = 32.0f;
+// Quiet blocks keep the windows short; see ChooseWindowSequence().
+constexpr float kQuietRms = 104.0f;        // -50 dBFS.
+constexpr float kQuietRelative = 0.0316f;  // -30 dB.
+constexpr float kLoudRmsDecay = 0.97f;     // A block: ~6 dB a second.
 // Short windows whose energies differ by more than this factor go into separate groups.
 constexpr float kGroupEnergyRatio = 8.0f;
 // Energy-weighted tonality above which a frame takes the Kaiser-Bessel-derived window.
@@ -125,8 +125,12 @@ struct AacEncoder::State {
   float quant_scale[256];
 
   aac::TransientDetector detector[kMaxChannels];
-  float previous_peak[kMaxChannels] = {};
-  float peak[kMaxChannels] = {};
+  // The last frame coded nothing in any channel: a decoder holds only zeros to overlap.
+  bool previous_frame_empty = true;
+  // The last block had an attack in its second half, which this frame covers.
+  bool late_attack = false;
+  // Per channel: a decaying maximum of the blocks' RMS.
+  float loud_rms[kMaxChannels] = {};
   aac::MaskingModel long_model;
   aac::MaskingModel short_model;
   const BandLayout* layout = nullptr;
@@ -250,16 +254,12 @@ std::shared_ptr<AudioFrame> AacEncoder::Encode(std::shared_ptr<AudioFrame> input
     float* history = s.history[ch];
     std::memmove(history, history + kFrameLength, kFrameLength * sizeof(float));
     float* block = history + kFrameLength;
-    float peak = 0.0f;
     for (int i = 0; i < kFrameLength; ++i) {
       int16_t sample;
       std::memcpy(&sample, pcm + (static_cast<size_t>(i) * channels_ + ch) * sizeof(int16_t),
                   sizeof(sample));
       block[i] = static_cast<float>(sample);
-      peak = std::max(peak, std::fabs(block[i]));
     }
-    s.previous_peak[ch] = s.peak[ch];
-    s.peak[ch] = peak;
   }
 
   bool early_attack = false;
@@ -299,35 +299,46 @@ WindowSequence AacEncoder::ChooseWindowSequence(bool* early_attack) {
   State& s = *state_;
   bool late = false;
   bool early = false;
-  bool quiet_before = true;
+  bool quiet = true;
   for (int ch = 0; ch < channels_; ++ch) {
-    const aac::TransientDetector::Result result =
-        s.detector[ch].Analyze(s.history[ch] + kFrameLength, kShortStart);
+    const float* block = s.history[ch] + kFrameLength;
+    const aac::TransientDetector::Result result = s.detector[ch].Analyze(block, kShortStart);
     late = late || result.late_attack;
     // Early: within what this frame's window covers of the block (up to 576).
     early = early || (result.first_attack_slice >= 0 &&
                       result.first_attack_slice * aac::TransientDetector::kSliceLength <
                           kShortStart + kShortWindowLength);
-    quiet_before = quiet_before && s.previous_peak[ch] < kQuietBlockPeak;
+    float sum = 0.0f;
+    for (int i = 0; i < kFrameLength; ++i) sum += block[i] * block[i];
+    const float rms = std::sqrt(sum / kFrameLength);
+    // Quiet: under -50 dBFS, or 30 dB under the loudest of the last seconds (a gap
+    // between notes or hits, where the next attack comes from).
+    quiet = quiet && (rms < kQuietRms || rms < kQuietRelative * s.loud_rms[ch]);
+    s.loud_rms[ch] = std::max(rms, s.loud_rms[ch] * kLoudRmsDecay);
   }
   // The frame's short windows cover the second half of the previous block and the first
-  // half of this one; the next frame's, this block's second half.
+  // half of this one; the next frame's, this block's second half. Without look-ahead an
+  // attack early in a block is covered only if this frame may be short already: so
+  // quiet blocks, where attacks come from, keep the windows short (a quiet frame costs
+  // few bits in any window).
   WindowSequence sequence;
   switch (s.sequence) {
     case kLongStart:
       sequence = kEightShort;
       break;
     case kEightShort:
-      sequence = late ? kEightShort : kLongStop;
+      // An attack late in the last block falls in this frame's short windows too.
+      sequence = early || late || quiet || s.late_attack ? kEightShort : kLongStop;
       break;
     default:
-      if (early && quiet_before) {
+      if (early && s.previous_frame_empty) {
         sequence = kEightShort;
       } else {
-        sequence = late ? kLongStart : kOnlyLong;
+        sequence = late || quiet ? kLongStart : kOnlyLong;
       }
       break;
   }
+  s.late_attack = late;
   *early_attack = early && sequence != kEightShort;
   return sequence;
 }
@@ -730,31 +741,35 @@ std::shared_ptr<AudioFrame> AacEncoder::Emit(uint32_t timestamp_ms, int element_
   const int mean = static_cast<int>((bits_remainder_ + bits_per_frame_num_) / sample_rate_);
   bits_remainder_ = (bits_remainder_ + bits_per_frame_num_) % sample_rate_;
   const int available = mean + reservoir_bits_;
-  int frame_bits = RoundUpToByte(element_bits + kFrameOverheadBits);
-  // What the reservoir cannot keep is padded out with fill elements.
-  int fill_bits = 0;
-  const int excess = available - frame_bits - reservoir_max_;
-  if (excess > 0) {
-    fill_bits = RoundUpToByte(excess + aac::kElementHeaderBits) - 1;  // 7 + 8n bits.
-    frame_bits = RoundUpToByte(element_bits + kFrameOverheadBits + fill_bits);
-  }
-  reservoir_bits_ = available - frame_bits;
 
   uint8_t* out = s.output.data();
-  const int header = adts_ ? kAdtsHeaderBytes : 0;
+  const int header = adts_ ? aac::kAdtsHeaderBytes : 0;
   aac::BitWriter writer(out + header, s.output.size() - header);
   if (channels_ == 1) {
     aac::WriteSingleChannelElement(&writer, s.data[0]);
   } else {
     aac::WriteChannelPairElement(&writer, s.data[0], s.data[1], s.any_ms ? s.ms_used : nullptr);
   }
-  while (fill_bits >= aac::kElementHeaderBits) {
-    fill_bits -= aac::WriteFillElement(&writer, fill_bits);
+  // What the reservoir cannot keep is padded out with fill elements (7 + 8n bits each).
+  auto frame_bits = [&]() {
+    return RoundUpToByte(static_cast<int>(writer.bit_count()) + aac::kEndBits);
+  };
+  for (int excess = available - frame_bits() - reservoir_max_; excess > 0;
+       excess = available - frame_bits() - reservoir_max_) {
+    if (aac::WriteFillElement(&writer, excess + aac::kElementHeaderBits) <= 0) break;
   }
   aac::WriteEnd(&writer);
-  if (writer.overflowed()) {
-    TARN_LOG(tarn_logging::LS_ERROR, kLogConfig, this) << "access unit overflowed its buffer";
+  const int total = static_cast<int>(writer.bit_count());  // Byte-aligned now.
+  if (writer.overflowed() || total > available) {
+    TARN_LOG(tarn_logging::LS_ERROR, kLogConfig, this)
+        << "access unit of " << total << " bits (element " << element_bits << ") does not fit "
+        << available << " bits";
     return nullptr;
+  }
+  reservoir_bits_ = available - total;
+  s.previous_frame_empty = true;
+  for (int ch = 0; ch < channels_; ++ch) {
+    s.previous_frame_empty = s.previous_frame_empty && s.data[ch].ics.max_sfb == 0;
   }
   const int payload = static_cast<int>(writer.byte_count());
   if (adts_) {

@@ -10,8 +10,8 @@
 //  1. The newest block joins the previous one; a transient detector picks the window
 //     sequence (long, start, eight short, stop). Without look-ahead, an attack in the
 //     second half of a block switches the next frame to short windows; an attack early
-//     in a block right after near-silence switches at once, since there is nothing for
-//     the mismatched overlap to disturb.
+//     in a block switches at once when the frame before coded nothing (silence), since
+//     a decoder then has only zeros to overlap with, whatever window they had.
 //  2. MDCT (libavutil's av_tx), then per scalefactor band the energy and a masking
 //     threshold (psy_model.h); in a channel pair, mid/side per band where it needs
 //     fewer bits for the same noise.

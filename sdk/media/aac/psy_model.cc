@@ -16,7 +16,9 @@ namespace {
 // slices before by this factor (10 dB) and lies above kAttackFloor, so that the hiss of
 // a quiet passage never switches windows.
 constexpr float kAttackRatio = 10.0f;
-constexpr float kAttackFloor = TransientDetector::kSliceLength * 40.0f * 40.0f;
+constexpr float kAttackFloor = TransientDetector::kSliceLength * 8.0f * 8.0f;
+// Over the whole band an attack must rise further (15 dB): music swells by less.
+constexpr float kBroadAttackRatio = 31.6f;
 // The envelope falls by this factor a slice (~1 dB): a decaying note does not make the
 // next one an attack unless it is clearly louder.
 constexpr float kEnvelopeDecay = 0.8f;
@@ -65,29 +67,40 @@ TransientDetector::Result TransientDetector::Analyze(const float* block, int lat
   Result result;
   for (int slice = 0; slice < kSlices; ++slice) {
     const float* x = block + slice * kSliceLength;
+    float high_energy = 0.0f;
     float energy = 0.0f;
     float previous = previous_sample_;
     float before = sample_before_;
     for (int i = 0; i < kSliceLength; ++i) {
-      // Second difference: a high-pass rising 12 dB an octave, so that the onset of a
-      // low note (whose pre-echo no one hears) is no attack, while clicks, plucks and
-      // consonants are.
+      // Second difference: a high-pass rising 12 dB an octave, which finds the clicks of
+      // plucks, consonants and cymbals under a loud bass.
       const float high = x[i] - 2.0f * previous + before;
       before = previous;
       previous = x[i];
-      energy += high * high;
+      high_energy += high * high;
+      energy += x[i] * x[i];
     }
     previous_sample_ = previous;
     sample_before_ = before;
-    // An attack, or an abrupt end (a loud slice followed by near-silence): either would
-    // spread a long window's quantisation noise where there is nothing to mask it.
-    const bool attack = energy > kAttackFloor && energy > kAttackRatio * envelope_;
-    const bool cut = previous_energy_ > kAttackFloor && energy * kCutRatio < previous_energy_;
-    previous_energy_ = energy;
+    // An attack in the high band or over the whole band (a drum's body), or an abrupt
+    // end (a loud slice followed by near-silence): each would spread a long window's
+    // quantisation noise where there is nothing to mask it. Envelopes from before the
+    // last slice too, so that an attack starting at a slice's end is not hidden.
+    const bool attack =
+        (high_energy > kAttackFloor &&
+         high_energy > kAttackRatio * std::min(high_envelope_, previous_high_envelope_)) ||
+        (energy > kAttackFloor &&
+         energy > kBroadAttackRatio * std::min(envelope_, previous_envelope_));
+    const bool cut =
+        previous_high_energy_ > kAttackFloor && high_energy * kCutRatio < previous_high_energy_;
+    previous_high_energy_ = high_energy;
     if (attack || cut) {
       if (result.first_attack_slice < 0) result.first_attack_slice = slice;
       if ((slice + 1) * kSliceLength > late_from) result.late_attack = true;
     }
+    previous_high_envelope_ = high_envelope_;
+    previous_envelope_ = envelope_;
+    high_envelope_ = std::max(high_energy, high_envelope_ * kEnvelopeDecay);
     envelope_ = std::max(energy, envelope_ * kEnvelopeDecay);
   }
   return result;

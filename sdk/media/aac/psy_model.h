@@ -41,8 +41,13 @@ class TransientDetector {
  private:
   float previous_sample_ = 0.0f;
   float sample_before_ = 0.0f;
-  float previous_energy_ = 0.0f;
+  float previous_high_energy_ = 0.0f;
+  // Decaying envelopes of the slices' energies, high-passed and whole, and their values
+  // one slice earlier.
+  float high_envelope_ = 0.0f;
+  float previous_high_envelope_ = 0.0f;
   float envelope_ = 0.0f;
+  float previous_envelope_ = 0.0f;
 };
 
 // Masking thresholds of one window kind (long or short) at one sample rate.

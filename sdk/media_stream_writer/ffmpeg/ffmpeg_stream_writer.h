@@ -124,6 +124,13 @@ class FfmpegStreamWriter : public MediaStreamWriter {
 
   int WriteVideoNow(std::unique_ptr<video::VideoFrame> frame);
   int WriteAudioNow(std::unique_ptr<audio::AudioFrame> frame);
+  // Writes one audio packet at `position` (recording samples) into `muxer`, whose file
+  // starts at `base_samples`, keeping it at or after 0 through `shift` where the
+  // container cannot start before 0.
+  bool MuxAudio(media_stream_writer::ContainerMuxer* muxer, int64_t base_samples, int64_t* shift,
+                const uint8_t* data, size_t size, int64_t position, int64_t samples);
+  // Keeps the latest audio packet, the next segment's decoder pre-roll.
+  void RememberAudio(const uint8_t* data, size_t size, int64_t position, int64_t samples);
 
   // Logs a rejected packet's reason, once for a run of the same reason.
   void PacketError(const std::string& message);
@@ -135,7 +142,8 @@ class FfmpegStreamWriter : public MediaStreamWriter {
   bool StartNextSegment(int64_t base_ms, int64_t base_samples);
   std::unique_ptr<media_stream_writer::ContainerMuxer> OpenMuxer(const std::string& path);
   bool AddStreams(media_stream_writer::ContainerMuxer* muxer);
-  void FinishMuxer();
+  // Finishes and releases `*muxer`, adding its size to the total.
+  void FinishMuxer(std::unique_ptr<media_stream_writer::ContainerMuxer>* muxer);
 
   LocalRecordingSegmentationWriter::Client* const client_;
   bool has_video_metadata_ = false;
@@ -166,6 +174,17 @@ class FfmpegStreamWriter : public MediaStreamWriter {
   int64_t next_boundary_ms_ = 0;
   bool segment_has_video_ = false;
   int64_t finished_bytes_ = 0;
+  // With audio and video, the segment before a cut stays open until the audio reaches
+  // the cut (at most kCutAudioWaitMs of video later).
+  std::unique_ptr<media_stream_writer::ContainerMuxer> closing_muxer_;
+  int64_t closing_cut_ms_ = 0;
+  int64_t closing_cut_samples_ = 0;
+  int64_t closing_base_samples_ = 0;
+  int64_t closing_shift_ = 0;
+  bool has_last_audio_ = false;
+  std::vector<uint8_t> last_audio_;
+  int64_t last_audio_position_ = 0;
+  int64_t last_audio_samples_ = 0;
   bool header_failed_ = false;
   bool last_finish_failed_ = false;
 

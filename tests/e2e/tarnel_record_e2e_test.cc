@@ -120,6 +120,76 @@ TEST_F(TarnelRecordTest, AudioAndVideoLineUpToTheMillisecondInEveryContainer) {
   }
 }
 
+// A recording killed mid-way is fragmented; --repair turns it, in place, into the
+// standard file a clean stop makes, in sync, with a torn last fragment cut off. A
+// repair interrupted after writing its moov leaves a file that plays and that a second
+// repair finishes. Files the repair cannot vouch for are left byte for byte.
+TEST_F(TarnelRecordTest, RepairFinishesAKilledRecording) {
+  const std::string killed = Output("killed.mp4");
+  ASSERT_NE(RunCommand("timeout -s KILL 3.5 " + kTool + " --realtime --stereo -i " +
+                       Quote(kSample) + " -o " + Quote(killed))
+                .exit_code,
+            0);
+  ASSERT_EQ(TopLevelBoxes(killed).substr(0, 24), "ftyp free moov free moof");
+  const int kept_frames = std::stoi(ProbeStreams(killed)[0].at("nb_read_frames"));
+  // A torn fragment at the end, as a power cut leaves it.
+  ASSERT_EQ(RunCommand("head -c 3000 " + Quote(kSample) + " >> " + Quote(killed)).exit_code, 0);
+
+  const std::string repair = kTool + " --repair ";
+  const CommandResult repaired = RunCommand(repair + Quote(killed), true);
+  ASSERT_EQ(repaired.exit_code, 0) << repaired.output;
+  EXPECT_NE(repaired.output.find("3000 bytes after the last one dropped"), std::string::npos)
+      << repaired.output;
+  EXPECT_EQ(TopLevelBoxes(killed), "ftyp free mdat moov");
+  EXPECT_EQ(DecodeErrors(killed), "");
+  const auto streams = ProbeStreams(killed);
+  ASSERT_EQ(streams.size(), 2u);
+  EXPECT_EQ(std::stoi(streams[0].at("nb_read_frames")), kept_frames);
+  for (const auto& stream : streams) EXPECT_EQ(stream.at("start_time"), "0.000000");
+  const std::vector<double> beeps = FindBursts(DecodeAudio(killed, 48000), 48000, 0.3f, 0.5);
+  const std::vector<double> flashes = FindBrightFrames(killed, 200);
+  ASSERT_GE(beeps.size(), 2u);
+  for (size_t i = 0; i < beeps.size(); ++i) EXPECT_NEAR(beeps[i], flashes.at(i), 0.001) << i;
+  std::string finished;
+  ASSERT_TRUE(tarn_base::ReadFileToString(tarn_base::FilePath(killed), &finished));
+  EXPECT_EQ(RunCommand(repair + Quote(killed)).exit_code, 0);  // Already finished.
+
+  // Interrupted between its two writes: the moov is there, the header not yet.
+  const size_t slot = 36;  // After our ftyp.
+  std::string interrupted = finished;
+  interrupted.replace(slot, 16, std::string("\0\0\0\x10" "freeTARNELv1", 16));
+  ASSERT_TRUE(tarn_base::WriteFile(tarn_base::FilePath(killed), interrupted));
+  EXPECT_EQ(DecodeErrors(killed), "");
+  EXPECT_EQ(std::stoi(ProbeStreams(killed)[0].at("nb_read_frames")), kept_frames);
+  EXPECT_EQ(RunCommand(repair + Quote(killed)).exit_code, 0);
+  std::string again;
+  ASSERT_TRUE(tarn_base::ReadFileToString(tarn_base::FilePath(killed), &again));
+  EXPECT_TRUE(again == finished);
+
+  // Not ours: FFmpeg's own fragmented MP4, and a file that is no MP4 at all.
+  const std::string foreign = Output("foreign.mp4");
+  ASSERT_EQ(RunCommand("ffmpeg -nostdin -v error -i " + Quote(kSample) +
+                       " -t 2 -c copy -movflags frag_keyframe+empty_moov " + Quote(foreign))
+                .exit_code,
+            0);
+  for (const std::string& path : {foreign, std::string(kSample)}) {
+    std::string before;
+    ASSERT_TRUE(tarn_base::ReadFileToString(tarn_base::FilePath(path), &before));
+    const CommandResult refused = RunCommand(repair + Quote(path), true);
+    if (path == foreign) {
+      EXPECT_EQ(refused.exit_code, 2);
+      EXPECT_NE(refused.output.find("not written by this recorder"), std::string::npos)
+          << refused.output;
+    }
+    std::string after;
+    ASSERT_TRUE(tarn_base::ReadFileToString(tarn_base::FilePath(path), &after));
+    EXPECT_TRUE(after == before);
+  }
+  const std::string text = Output("notes.mp4");
+  ASSERT_TRUE(tarn_base::WriteFile(tarn_base::FilePath(text), "not a movie at all"));
+  EXPECT_EQ(RunCommand(repair + Quote(text)).exit_code, 2);
+}
+
 // Players other than FFmpeg: GStreamer's discoverer and headless Chromium (over HTTP,
 // in a <video> element) open the finished MP4, know its duration and seek in it.
 TEST_F(TarnelRecordTest, RealPlayersOpenAndSeekTheFinishedFiles) {

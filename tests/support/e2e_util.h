@@ -36,6 +36,9 @@ struct ProbedPacket {
 std::vector<ProbedPacket> ProbePackets(const std::string& path, const std::string& stream);
 // The codec extradata of stream `index` as lowercase hex; empty when there is none.
 std::string ProbeExtradataHex(const std::string& path, int index);
+// The types of an ISO media file's top-level boxes, space-separated ("ftyp moov ...");
+// a box that runs past the end of the file is listed as "type(cut)".
+std::string TopLevelBoxes(const std::string& path);
 // Everything `ffmpeg -v error` prints while decoding the whole file; empty when clean.
 std::string DecodeErrors(const std::string& path);
 

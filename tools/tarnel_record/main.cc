@@ -30,6 +30,7 @@ extern "C" {
 #include "sdk/base/logging.h"
 #include "sdk/common/local_recording/local_recording.h"
 #include "sdk/media/audio_encoder.h"
+#include "sdk/media_stream_writer/mp4/mp4_repair.h"
 #include "tools/tarnel_record/media_source.h"
 #include "tools/tarnel_record/options.h"
 
@@ -506,6 +507,14 @@ int main(int argc, char** argv) {
   if (help) {
     std::fputs(tarnel_record::HelpText().c_str(), stdout);
     return 0;
+  }
+  if (!options.repair.empty()) {
+    std::string message;
+    const auto result = tarnel::media_stream_writer::RepairMp4File(options.repair, &message);
+    using tarnel::media_stream_writer::RepairResult;
+    const bool ok = result == RepairResult::kRepaired || result == RepairResult::kAlreadyFinished;
+    std::fprintf(ok ? stdout : stderr, "%s%s\n", ok ? "" : "error: ", message.c_str());
+    return ok ? 0 : 2;
   }
   std::signal(SIGINT, tarnel_record::OnSignal);
   std::signal(SIGTERM, tarnel_record::OnSignal);

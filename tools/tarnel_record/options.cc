@@ -75,8 +75,14 @@ Output:
   --json                  print the summary as one JSON object
   -h, --help              show this help
 
+Repair (instead of recording):
+  --repair FILE           finish an MP4/M4A that a crash left fragmented, in place, into
+                          the standard file a clean stop makes; refuses other files
+
 Exit status: 0 when the recording completed with Ok; 1 for usage or input errors;
-2 when the recorder refused to start or the recording ended with an error.
+2 when the recorder refused to start or the recording ended with an error. With
+--repair: 0 when the file is (now, or already) a finished MP4, 2 when it was refused
+or could not be written.
 )";
 }
 
@@ -175,11 +181,14 @@ bool ParseOptions(int argc, char** argv, Options* options, bool* help, std::stri
     } else if (arg == "--resize-at") {
       if (!number(&n)) return false;
       options->resize_at_ms = n;
+    } else if (arg == "--repair") {
+      if (!value(&options->repair)) return false;
     } else {
       *error = "unknown option " + arg + " (see --help)";
       return false;
     }
   }
+  if (!options->repair.empty()) return true;
   if (options->inputs.empty()) {
     *error = "no input given (-i INPUT)";
     return false;

@@ -37,6 +37,9 @@ struct Options {
   enum class Pacing { kDefault, kRealtime, kFast } pacing = Pacing::kDefault;
   bool json = false;
 
+  // --repair FILE: finish an MP4/M4A a crash left fragmented instead of recording.
+  std::string repair;
+
   // Fault injection.
   std::optional<std::pair<int64_t, int64_t>> drop_audio_ms;  // [from, to) of source time.
   std::optional<TimestampJump> jump_video;

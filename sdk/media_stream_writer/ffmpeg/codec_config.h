@@ -38,7 +38,8 @@ Bytes BuildAvcDecoderConfig(const std::vector<Bytes>& sps, const std::vector<Byt
 // Profile, tier, level, chroma format, bit depths and temporal layering come from the
 // first SPS. min_spatial_segmentation_idc and parallelismType are written as 0
 // ("unknown"), which every reader accepts, and array_completeness as 0 because the
-// samples may repeat the parameter sets in band. Empty when the SPS cannot be parsed
+// samples may repeat the parameter sets in band (Matroska); the MP4 writer marks the
+// arrays complete for its hvc1 entry. Empty when the SPS cannot be parsed
 // or a list is empty.
 Bytes BuildHevcDecoderConfig(const std::vector<Bytes>& vps, const std::vector<Bytes>& sps,
                              const std::vector<Bytes>& pps);

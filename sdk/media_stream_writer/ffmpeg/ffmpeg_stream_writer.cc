@@ -5,8 +5,9 @@
 
 #include "sdk/base/file_path.h"
 #include "sdk/base/logging.h"
+#include "sdk/media_stream_writer/container_muxer.h"
 #include "sdk/media_stream_writer/ffmpeg/codec_config.h"
-#include "sdk/media_stream_writer/ffmpeg/container_muxer.h"
+#include "sdk/media_stream_writer/ffmpeg/ffmpeg_container_muxer.h"
 #include "sdk/media_stream_writer/video_parser.h"
 
 namespace tarnel {
@@ -17,6 +18,8 @@ namespace {
 constexpr tarn_logging::LogConfig kLogConfig{"media_stream_writer"};
 // Duration of a lone video frame: nothing better is known.
 constexpr int64_t kDefaultVideoFrameMs = 33;
+// How long a segment stays open after a cut for audio up to the cut.
+constexpr int64_t kCutAudioWaitMs = 250;
 
 using media_stream_writer::Bytes;
 using media_stream_writer::ContainerMuxer;
@@ -525,6 +528,9 @@ int FfmpegStreamWriter::WriteVideoNow(std::unique_ptr<video::VideoFrame> frame) 
     const int64_t base_samples = audio_.configured ? RoundDiv(pts * audio_.sample_rate, 1000) : 0;
     StartNextSegment(pts, base_samples);
   }
+  if (closing_muxer_ && pts - closing_cut_ms_ >= kCutAudioWaitMs) {
+    FinishMuxer(&closing_muxer_);  // The audio stopped short of the cut.
+  }
   if (!muxer_ || video_stream_ < 0) return 0;
 
   const Bytes sample =
@@ -567,26 +573,33 @@ int FfmpegStreamWriter::WriteAudioNow(std::unique_ptr<audio::AudioFrame> frame) 
   // one ended continues it, which absorbs the ms rounding of the timestamps.
   const int64_t time_ms = frame->GetTimestampInMs();
   // An encoder's output begins `delay` samples before its stamp: its first packets
-  // decode to the encoder's start-up (priming), not to input audio. Those packets are
-  // dropped and the rest placed `delay` samples earlier, so that decoded audio begins
-  // with the first input sample in every player and container. An edit list would
-  // only help players that honour it, and FFmpeg ignores edit lists in fragmented MP4.
-  // The price: the first frame decodes without its predecessor's overlap and fades in
-  // over ~21 ms, as the first frame of every later segment does anyway.
+  // decode to the encoder's start-up (priming), not to input audio. They become the
+  // stream's decoder pre-roll, which only MP4/M4A keep (hidden by the edit list of the
+  // finished file, so that the first input sample decodes in full); the rest is placed
+  // `delay` samples earlier, so that decoded audio begins with the first input sample
+  // in every player and container, also where no edit list is read (a fragmented MP4
+  // left by a crash, Matroska, ADTS). There the first frame decodes without its
+  // predecessor's overlap and fades in over ~21 ms.
   const int64_t delay = audio_.aac ? std::max<int64_t>(frame->GetEncoderDelaySamples(), 0) : 0;
   const int64_t stamped = RoundDiv(time_ms * audio_.sample_rate, 1000) - delay;
   if (!audio_.priming_known) {
     audio_.priming_known = true;
     audio_.priming_packets_left = samples > 0 ? delay / samples : 0;
-    // The input audio begins where the first packet is stamped; the real packets after
-    // the priming continue from there (ms stamps would put them up to 1 ms off).
+    // The input audio begins where the first packet is stamped; the first packet after
+    // the priming starts the part of the delay that is not a whole packet before it
+    // (ms stamps would put it up to 1 ms off).
     if (audio_.priming_packets_left > 0 && !audio_.has_next) {
       audio_.has_next = true;
-      audio_.next_position = stamped + delay;
+      audio_.next_position = stamped + delay - delay % samples;
+      if (delay % samples != 0 && muxer_) {
+        muxer_->SetPresentationStart(
+            audio_stream_, stamped + delay - segment_base_samples_ + audio_.segment_shift);
+      }
     }
   }
   if (audio_.priming_packets_left > 0) {
     --audio_.priming_packets_left;
+    if (muxer_ && audio_stream_ >= 0) muxer_->AddPreroll(audio_stream_, data, size, samples);
     return 1;
   }
   int64_t position = stamped;
@@ -605,19 +618,51 @@ int FfmpegStreamWriter::WriteAudioNow(std::unique_ptr<audio::AudioFrame> frame) 
 
   if (segmenting() && !video_.in_file &&
       (!muxer_ || (audio_.segment_has_audio && time_ms >= next_boundary_ms_))) {
-    StartNextSegment(time_ms, position + delay);
+    StartNextSegment(time_ms, position);
+  }
+
+  bool written = true;
+  if (closing_muxer_) {
+    // The segment before the last cut takes the audio up to the cut; the packet that
+    // straddles it goes to both, hidden past the cut in the old one and before it in
+    // the new one, so that no sample is lost or doubled.
+    const int64_t cut = closing_cut_samples_;
+    const bool before_cut = position < cut;
+    if (before_cut) {
+      written = MuxAudio(closing_muxer_.get(), closing_base_samples_, &closing_shift_, data, size,
+                         position, samples);
+    }
+    if (!before_cut || position + samples > cut) {
+      if (muxer_ && has_last_audio_ && last_audio_position_ + last_audio_samples_ == position) {
+        muxer_->AddPreroll(audio_stream_, last_audio_.data(), last_audio_.size(),
+                           last_audio_samples_);
+      }
+      if (before_cut && muxer_) muxer_->AddPreroll(audio_stream_, data, size, samples);
+      FinishMuxer(&closing_muxer_);
+    }
+    if (before_cut) {
+      RememberAudio(data, size, position, samples);
+      return written ? 1 : 0;
+    }
   }
   if (!muxer_ || audio_stream_ < 0) return 0;
+  audio_.segment_has_audio = true;
+  written = MuxAudio(muxer_.get(), segment_base_samples_, &audio_.segment_shift, data, size,
+                     position, samples);
+  RememberAudio(data, size, position, samples);
+  return written ? 1 : 0;
+}
 
-  int64_t out = position - segment_base_samples_ + audio_.segment_shift;
+bool FfmpegStreamWriter::MuxAudio(ContainerMuxer* muxer, int64_t base_samples, int64_t* shift,
+                                  const uint8_t* data, size_t size, int64_t position,
+                                  int64_t samples) {
+  int64_t out = position - base_samples + *shift;
   if (out < 0 && !TakesNegativeTimestamps(format_)) {
     // Only the first frame of a segment can land here (a few samples early through the
     // continuity rule); the segment's audio moves by that much to start at 0.
-    audio_.segment_shift -= out;
+    *shift -= out;
     out = 0;
   }
-  audio_.segment_has_audio = true;
-
 #if defined(__BYTE_ORDER__) && __BYTE_ORDER__ == __ORDER_BIG_ENDIAN__
   Bytes swapped;
   if (!audio_.aac) {
@@ -626,7 +671,16 @@ int FfmpegStreamWriter::WriteAudioNow(std::unique_ptr<audio::AudioFrame> frame) 
     data = swapped.data();
   }
 #endif
-  return muxer_->WritePacket(audio_stream_, data, size, out, out, samples, /*key=*/true) ? 1 : 0;
+  return muxer->WritePacket(audio_stream_, data, size, out, out, samples, /*key=*/true);
+}
+
+void FfmpegStreamWriter::RememberAudio(const uint8_t* data, size_t size, int64_t position,
+                                       int64_t samples) {
+  if (!segmenting()) return;
+  last_audio_.assign(data, data + size);
+  last_audio_position_ = position;
+  last_audio_samples_ = samples;
+  has_last_audio_ = true;
 }
 
 std::string FfmpegStreamWriter::SegmentPath(int number) const {
@@ -646,7 +700,20 @@ std::unique_ptr<ContainerMuxer> FfmpegStreamWriter::OpenMuxer(const std::string&
 }
 
 bool FfmpegStreamWriter::StartNextSegment(int64_t base_ms, int64_t base_samples) {
-  FinishMuxer();
+  if (muxer_ && video_.in_file && audio_.in_file) {
+    // The old segment ends at the cut; it stays open for the audio up to there.
+    FinishMuxer(&closing_muxer_);
+    muxer_->SetPresentationEnd(video_stream_, (base_ms - segment_base_ms_) * video_ticks_per_ms_);
+    muxer_->SetPresentationEnd(audio_stream_,
+                               base_samples - segment_base_samples_ + audio_.segment_shift);
+    closing_muxer_ = std::move(muxer_);
+    closing_cut_ms_ = base_ms;
+    closing_cut_samples_ = base_samples;
+    closing_base_samples_ = segment_base_samples_;
+    closing_shift_ = audio_.segment_shift;
+  } else {
+    FinishMuxer(&muxer_);
+  }
   const int number = segment_number_ + 1;
   const std::string path = SegmentPath(number);
   std::unique_ptr<ContainerMuxer> muxer = OpenMuxer(path);
@@ -664,24 +731,33 @@ bool FfmpegStreamWriter::StartNextSegment(int64_t base_ms, int64_t base_samples)
   video_.has_last_dts = false;
   audio_.segment_shift = 0;
   audio_.segment_has_audio = false;
+  if (audio_.in_file) {
+    // The audio before the cut that reaches the new file only primes the decoder.
+    muxer_->SetPresentationStart(audio_stream_, 0);
+    if (!video_.in_file && has_last_audio_ &&
+        last_audio_position_ + last_audio_samples_ == base_samples) {
+      muxer_->AddPreroll(audio_stream_, last_audio_.data(), last_audio_.size(),
+                         last_audio_samples_);
+    }
+  }
   TARN_LOG(tarn_logging::LS_INFO, kLogConfig, this)
       << "segment " << number << " starts at " << base_ms << " ms: " << path;
   if (client_) client_->OnRecordingSegment(path);
   return true;
 }
 
-void FfmpegStreamWriter::FinishMuxer() {
-  if (!muxer_) return;
-  const int64_t size = muxer_->Finish();
+void FfmpegStreamWriter::FinishMuxer(std::unique_ptr<ContainerMuxer>* muxer) {
+  if (!*muxer) return;
+  const int64_t size = (*muxer)->Finish();
   if (size < 0) {
     last_finish_failed_ = true;
     TARN_LOG(tarn_logging::LS_ERROR, kLogConfig, this)
-        << "finishing " << muxer_->path() << " failed";
+        << "finishing " << (*muxer)->path() << " failed";
   } else {
     last_finish_failed_ = false;
     finished_bytes_ += size;
   }
-  muxer_.reset();
+  muxer->reset();
 }
 
 int64_t FfmpegStreamWriter::Stop() {
@@ -700,8 +776,9 @@ int64_t FfmpegStreamWriter::Stop() {
     WriteHeaderAndPending();
   }
   if (header_failed_ && segment_number_ <= 1) return -1;
+  FinishMuxer(&closing_muxer_);
   if (!muxer_) return finished_bytes_;
-  FinishMuxer();
+  FinishMuxer(&muxer_);
   return last_finish_failed_ ? -1 : finished_bytes_;
 }
 

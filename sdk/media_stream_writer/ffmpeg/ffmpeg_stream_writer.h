@@ -1,22 +1,19 @@
-// The built-in container backend: MP4, Matroska, WAV, M4A and ADTS files written with
-// FFmpeg's muxers, optionally cut into numbered segments.
+// The built-in container backend: MP4 and M4A (our own Mp4Muxer), Matroska, WAV and
+// ADTS (FFmpeg's muxers), optionally cut into numbered segments.
 //
 // What it takes in and what it writes:
 //  - Video: Annex-B access units, H.264 or H.265. The decoder configuration (avcC /
 //    hvcC) is built from the metadata's parameter sets when they are given, else from
-//    the first key frame's. Samples are length-prefixed; parameter sets that arrive in
-//    band stay in the samples (decoders accept them, and a mid-stream change of picture
-//    size keeps decoding), so H.265 in MP4 is tagged 'hev1', the sample entry that
-//    allows them. Frames before the first key frame cannot be decoded and are dropped.
+//    the first key frame's. Samples are length-prefixed; Matroska keeps parameter sets
+//    that arrive in band, MP4 tags H.265 'hvc1' and keeps them in hvcC only.
+//    Frames before the first key frame cannot be decoded and are dropped.
 //  - Audio: AAC (raw or behind ADTS headers, which are stripped) or PCM s16, learnt
 //    from the first packet. AAC is placed sample-exactly: a packet whose timestamp is
-//    within half a frame of where the previous one ended continues it; a frame with an
-//    encoder delay D is placed D samples earlier, and MP4/M4A carry an edit list that
-//    hides those samples, so decoded audio lines up with the video to the sample.
-//    (FFmpeg 5.1's own MP4 demuxer applies edit lists only to non-fragmented files:
-//    it shows those samples at negative timestamps instead of dropping them, so
-//    measure alignment on timestamps, e.g. `ffmpeg -copyts ... -af atrim=start=0`.)
-//    Matroska has no such device in FFmpeg's muxer and ignores the delay.
+//    within half a frame of where the previous one ended continues it. A frame's
+//    encoder delay D (GetEncoderDelaySamples) is applied here and nowhere else: the
+//    packets that carry only the encoder's start-up become decoder pre-roll, which the
+//    finished MP4 keeps and hides with its edit list, and the rest is placed D samples
+//    earlier (docs/design.md, "AAC encoder delay, per container").
 //  - The header waits until every expected stream is configured (the video from the
 //    metadata or its first key frame, the audio from its first packet); packets that
 //    arrive before that are held, up to 2 s of media or 300 packets, after which the
@@ -25,7 +22,9 @@
 //    the pts along when it would pass it. Video in 1/90000 s in MP4, ms in Matroska.
 //  - Segments: a new file starts at the first video key frame (audio-only: audio
 //    frame) at or after `segment_interval` seconds past the current file's start. Each
-//    file starts at 0; a packet lands in exactly one file.
+//    file starts at 0. With audio and video the old file stays open until the audio
+//    reaches the cut, and the audio is split there: to the sample in MP4 (edit lists),
+//    at the first packet at or after the cut elsewhere.
 //
 // Every write ends with the bytes handed to the OS; see ContainerMuxer for the layouts
 // that keep a file playable when the process dies at any point.
@@ -124,6 +123,13 @@ class FfmpegStreamWriter : public MediaStreamWriter {
 
   int WriteVideoNow(std::unique_ptr<video::VideoFrame> frame);
   int WriteAudioNow(std::unique_ptr<audio::AudioFrame> frame);
+  // Writes one audio packet at `position` (recording samples) into `muxer`, whose file
+  // starts at `base_samples`, keeping it at or after 0 through `shift` where the
+  // container cannot start before 0.
+  bool MuxAudio(media_stream_writer::ContainerMuxer* muxer, int64_t base_samples, int64_t* shift,
+                const uint8_t* data, size_t size, int64_t position, int64_t samples);
+  // Keeps the latest audio packet, the next segment's decoder pre-roll.
+  void RememberAudio(const uint8_t* data, size_t size, int64_t position, int64_t samples);
 
   // Logs a rejected packet's reason, once for a run of the same reason.
   void PacketError(const std::string& message);
@@ -135,7 +141,8 @@ class FfmpegStreamWriter : public MediaStreamWriter {
   bool StartNextSegment(int64_t base_ms, int64_t base_samples);
   std::unique_ptr<media_stream_writer::ContainerMuxer> OpenMuxer(const std::string& path);
   bool AddStreams(media_stream_writer::ContainerMuxer* muxer);
-  void FinishMuxer();
+  // Finishes and releases `*muxer`, adding its size to the total.
+  void FinishMuxer(std::unique_ptr<media_stream_writer::ContainerMuxer>* muxer);
 
   LocalRecordingSegmentationWriter::Client* const client_;
   bool has_video_metadata_ = false;
@@ -166,6 +173,17 @@ class FfmpegStreamWriter : public MediaStreamWriter {
   int64_t next_boundary_ms_ = 0;
   bool segment_has_video_ = false;
   int64_t finished_bytes_ = 0;
+  // With audio and video, the segment before a cut stays open until the audio reaches
+  // the cut (at most kCutAudioWaitMs of video later).
+  std::unique_ptr<media_stream_writer::ContainerMuxer> closing_muxer_;
+  int64_t closing_cut_ms_ = 0;
+  int64_t closing_cut_samples_ = 0;
+  int64_t closing_base_samples_ = 0;
+  int64_t closing_shift_ = 0;
+  bool has_last_audio_ = false;
+  std::vector<uint8_t> last_audio_;
+  int64_t last_audio_position_ = 0;
+  int64_t last_audio_samples_ = 0;
   bool header_failed_ = false;
   bool last_finish_failed_ = false;
 

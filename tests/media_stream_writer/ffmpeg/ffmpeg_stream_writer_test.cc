@@ -121,11 +121,16 @@ const TestMedia& Media() {
     made->h265 = SplitAtDelimiters(ReadAll(path("v.hevc")), true);
     made->aac = SplitAdts(ReadAll(path("a.aac")));
     made->impulse = SplitAdts(ReadAll(path("i.aac")));
-    made->error += Shell("ffmpeg -nostdin -v error -i " + e2e::Quote(path("v.h264")) + " -i " +
-                         e2e::Quote(path("v.hevc")) + " -i " + e2e::Quote(path("a.aac")) +
-                         " -map 0 -map 1 -map 2 -c copy " + e2e::Quote(path("ref.mp4")));
+    // FFmpeg's own MP4 of the same streams, H.265 tagged hvc1 as ours (its hvcC arrays
+    // are then marked complete), and its Matroska (arrays not marked).
+    made->error +=
+        Shell("ffmpeg -nostdin -v error -i " + e2e::Quote(path("v.h264")) + " -i " +
+              e2e::Quote(path("v.hevc")) + " -i " + e2e::Quote(path("a.aac")) +
+              " -map 0 -map 1 -map 2 -c copy -tag:v:1 hvc1 " + e2e::Quote(path("ref.mp4")) +
+              " -map 1 -c copy " + e2e::Quote(path("ref.mkv")));
     made->extradata = {{"h264", e2e::ProbeExtradataHex(path("ref.mp4"), 0)},
                        {"hevc", e2e::ProbeExtradataHex(path("ref.mp4"), 1)},
+                       {"hevc in mkv", e2e::ProbeExtradataHex(path("ref.mkv"), 0)},
                        {"aac", e2e::ProbeExtradataHex(path("ref.mp4"), 2)},
                        {"pcm_s16le", ""}};
     return made;
@@ -361,10 +366,21 @@ TEST_F(FfmpegStreamWriterTest, WritesEachContainerAndACopyTakenMidRecordingPlays
     for (size_t i = 0; i < streams.size(); ++i) {
       const std::string& codec = streams[i].at("codec_name");
       codecs += (i ? "," : "") + codec;
+      const std::string key = codec == "hevc" && c.format == msw::kMkv ? "hevc in mkv" : codec;
       EXPECT_EQ(e2e::ProbeExtradataHex(path, int(i)),
-                c.format == msw::kAac ? "" : Media().extradata.at(codec));
+                c.format == msw::kAac ? "" : Media().extradata.at(key));
+      if (codec == "hevc" && c.format == msw::kMp4) {
+        EXPECT_EQ(Shell("ffprobe -v error -show_entries stream=codec_tag_string -of csv=p=0 " +
+                        e2e::Quote(path)),
+                  "hvc1\nmp4a\n");
+      }
     }
     EXPECT_EQ(codecs, c.codecs);
+    if (c.format == msw::kMp4 || c.format == msw::kM4a) {
+      // Finished in place: a standard file, the fragments inside the mdat.
+      EXPECT_EQ(e2e::TopLevelBoxes(path), "ftyp free mdat moov");
+      EXPECT_EQ(e2e::TopLevelBoxes(copy).substr(0, 19), "ftyp free moov moof");
+    }
     if (has_video) {
       EXPECT_EQ(StreamInt(path, 0, "nb_read_frames"), 60);
     }
@@ -380,40 +396,58 @@ TEST_F(FfmpegStreamWriterTest, WritesEachContainerAndACopyTakenMidRecordingPlays
 }
 
 // AAC stamps are whole ms, and the encoder's output begins D samples before its stamp.
-// The file drops the priming packet and places the rest D samples early, one after the
-// other to the sample through jitter, a real gap staying a gap: the decoded audio at
-// time 0 is the first input sample, aligned with the first picture.
+// The packets after the priming are placed D samples early, one after the other to the
+// sample through jitter, a real gap staying a gap. While recording (the fragmented file
+// a crash leaves) the priming packet is left out; the finished file keeps it as decoder
+// pre-roll before 0, hidden by its edit list. Either way the decoded audio at time 0 is
+// the first input sample, aligned with the first picture.
 TEST_F(FfmpegStreamWriterTest, EncoderDelayIsRemovedToTheSample) {
   const std::vector<Bytes>& impulse = Media().impulse;
   const std::string path = PathOf("delay.mp4");
+  const std::string crashed = PathOf("crashed.mp4");
   FfmpegStreamWriter writer(nullptr);
   ASSERT_EQ(writer.Start(path, msw::kMp4, kAudioAndVideo, 0), 0);
-  ASSERT_GT(writer.WriteVideoPacket(MakeVideo(Media().h264, 0, 0)), 0);
   std::vector<int64_t> expected;
+  int v = 0;
   for (int k = 0; k < static_cast<int>(impulse.size()); ++k) {
     if (k >= 30 && k < 38) continue;                                       // 171 ms missing.
     const uint32_t ts = AacTimestampMs(k) + static_cast<uint32_t>(k % 5);  // Up to 4 ms late.
+    for (; VideoPtsMs(v) <= ts; ++v) {
+      ASSERT_GT(writer.WriteVideoPacket(MakeVideo(Media().h264, v, VideoPtsMs(v))), 0);
+    }
     // ffmpeg's AAC encoder primes with 1024 samples, and its ADTS output starts with them.
     ASSERT_GT(writer.WriteAudioPacket(MakeAudio(kAdtsAac, impulse[size_t(k)], ts, 1, 1024)), 0);
     if (k > 0) {
       expected.push_back(k == 38 ? ts * 48 - 1024 : expected.empty() ? 0 : expected.back() + 1024);
     }
   }
+  fs::copy_file(path, crashed);
   ASSERT_GT(writer.Stop(), 0);
 
-  const std::vector<e2e::ProbedPacket> audio = e2e::ProbePackets(path, "a:0");
-  ASSERT_EQ(audio.size(), expected.size());
-  for (size_t i = 0; i < audio.size(); ++i) EXPECT_EQ(audio[i].pts, expected[i]) << i;
-  EXPECT_EQ(e2e::ProbePackets(path, "v:0").at(0).pts, 0);
-  // Decoded from its first sample, the click sits at sample 4800 as in the source; left
-  // in, the priming would put it 1024 samples late.
-  const std::vector<float> decoded = e2e::DecodeAudio(path, kAudioRate);
-  ASSERT_GT(decoded.size(), 6000u);
-  const auto peak = std::max_element(decoded.begin(), decoded.end(),
-                                     [](float x, float y) { return std::fabs(x) < std::fabs(y); });
-  EXPECT_GT(std::fabs(*peak), 0.3f);
-  EXPECT_NEAR(peak - decoded.begin(), 4800, 2);
-  EXPECT_EQ(e2e::DecodeErrors(path), "");
+  for (const std::string& file : {crashed, path}) {
+    SCOPED_TRACE(file);
+    std::vector<e2e::ProbedPacket> audio = e2e::ProbePackets(file, "a:0");
+    if (file == path) {
+      ASSERT_FALSE(audio.empty());
+      EXPECT_EQ(audio[0].pts, -1024);  // The priming packet.
+      audio.erase(audio.begin());
+      ASSERT_EQ(audio.size(), expected.size());
+    } else {
+      ASSERT_GE(audio.size(), expected.size() - 12);  // The last fragment is still open.
+    }
+    for (size_t i = 0; i < audio.size(); ++i) EXPECT_EQ(audio[i].pts, expected[i]) << i;
+    EXPECT_EQ(e2e::ProbePackets(file, "v:0").at(0).pts, 0);
+    // Decoded from its first sample, the click sits at sample 4800 as in the source; left
+    // in, the priming would put it 1024 samples late.
+    const std::vector<float> decoded = e2e::DecodeAudio(file, kAudioRate);
+    ASSERT_GT(decoded.size(), 6000u);
+    const auto peak = std::max_element(decoded.begin(), decoded.end(), [](float x, float y) {
+      return std::fabs(x) < std::fabs(y);
+    });
+    EXPECT_GT(std::fabs(*peak), 0.3f);
+    EXPECT_NEAR(peak - decoded.begin(), 4800, 2);
+    EXPECT_EQ(e2e::DecodeErrors(file), "");
+  }
 }
 
 // Frames before the first key frame are dropped; a video dts that does not increase is
@@ -471,7 +505,10 @@ TEST_F(FfmpegStreamWriterTest, MissingStreamIsGivenUpAfterTheHoldLimit) {
 }
 
 // A new file starts at the first video key frame (audio only: frame) at or after the
-// interval; the client hears of each, and Stop reports all their bytes.
+// interval; the client hears of each, and Stop reports all their bytes. Every stream of
+// every MP4 segment starts at 0, and the audio is split at the cut to the sample: the
+// packets around it are in both files, hidden by the edit lists where they are not
+// presented, so the presented audio adds up to exactly what went in.
 TEST_F(FfmpegStreamWriterTest, SegmentsCutAtTheFirstFrameAfterTheIntervalAndLoseNothing) {
   struct Case {
     const char* ext;
@@ -504,21 +541,30 @@ TEST_F(FfmpegStreamWriterTest, SegmentsCutAtTheFirstFrameAfterTheIntervalAndLose
     EXPECT_EQ(FileCount(), static_cast<long>(c.durations.size()));
     int64_t sizes = 0;
     int frames[2] = {0, 0};  // Video, audio.
+    double audio_seconds = 0;
     for (size_t i = 0; i < client_.paths.size(); ++i) {
       const std::string& path = client_.paths[i];
       EXPECT_EQ(path, PathOf("seg_" + std::to_string(i + 1) + c.ext));
       sizes += static_cast<int64_t>(fs::file_size(path));
       EXPECT_NEAR(e2e::ProbeDuration(path), c.durations[i], c.tolerance);
       for (const auto& stream : e2e::ProbeStreams(path)) {
-        frames[stream.at("codec_type") == "audio"] += std::stoi(stream.at("nb_read_frames"));
+        const bool audio = stream.at("codec_type") == "audio";
+        frames[audio] += std::stoi(stream.at("nb_read_frames"));
+        if (audio) audio_seconds += std::stod(stream.at("duration"));
+        if (c.format == msw::kMp4) {
+          EXPECT_EQ(stream.at("start_time"), "0.000000") << stream.at("codec_type");
+        }
+      }
+      if (c.format == msw::kMp4) {
+        EXPECT_EQ(e2e::TopLevelBoxes(path), "ftyp free mdat moov");
       }
       EXPECT_EQ(e2e::DecodeErrors(path), "");
       fs::remove(path);
     }
     EXPECT_EQ(total, sizes);
     EXPECT_EQ(frames[0], c.feed.video_frames);
-    if (c.format != msw::kWav) {
-      EXPECT_EQ(frames[1], c.feed.audio_frames);
+    if (c.format == msw::kMp4) {
+      EXPECT_NEAR(audio_seconds, c.feed.audio_frames * 1024.0 / kAudioRate, 1.0 / kAudioRate);
     }
   }
 }

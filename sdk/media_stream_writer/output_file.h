@@ -9,8 +9,8 @@
 // fails, the file is broken: it is cut back to the last commit and takes no more bytes.
 //
 // Single-threaded, like the writer that owns it.
-#ifndef SDK_MEDIA_STREAM_WRITER_FFMPEG_OUTPUT_FILE_H_
-#define SDK_MEDIA_STREAM_WRITER_FFMPEG_OUTPUT_FILE_H_
+#ifndef SDK_MEDIA_STREAM_WRITER_OUTPUT_FILE_H_
+#define SDK_MEDIA_STREAM_WRITER_OUTPUT_FILE_H_
 
 #include <cstddef>
 #include <cstdint>
@@ -49,6 +49,9 @@ class OutputFile {
   // Cuts the file back to the last commit and refuses all further bytes.
   void Break();
   bool broken() const { return broken_; }
+  // Asks the OS to put everything written so far on the storage device, so that a
+  // later rewrite inside the file cannot reach the disk before it. False on failure.
+  bool Sync();
 
   // Closes the file. Returns its size on disk, -1 when that cannot be told. When
   // `remove_if_empty` and this object created the file and nothing was ever written,
@@ -81,4 +84,4 @@ class OutputFile {
 }  // namespace media_stream_writer
 }  // namespace tarnel
 
-#endif  // SDK_MEDIA_STREAM_WRITER_FFMPEG_OUTPUT_FILE_H_
+#endif  // SDK_MEDIA_STREAM_WRITER_OUTPUT_FILE_H_

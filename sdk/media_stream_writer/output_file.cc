@@ -1,4 +1,4 @@
-#include "sdk/media_stream_writer/ffmpeg/output_file.h"
+#include "sdk/media_stream_writer/output_file.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -132,6 +132,14 @@ int64_t OutputFile::Seek(int64_t offset, int whence) {
 
 void OutputFile::Commit() {
   if (backlog_.empty() && !broken_) committed_ = end_;
+}
+
+bool OutputFile::Sync() {
+  if (broken_ || fd_ < 0 || !backlog_.empty()) return false;
+  if (fdatasync(fd_) == 0) return true;
+  last_errno_ = errno;
+  LogFailure("cannot sync");
+  return false;
 }
 
 void OutputFile::Break() {

@@ -1,4 +1,4 @@
-#include "sdk/media_stream_writer/ffmpeg/container_muxer.h"
+#include "sdk/media_stream_writer/ffmpeg/ffmpeg_container_muxer.h"
 
 #include <cstring>
 #include <utility>
@@ -30,9 +30,8 @@ std::string AvErrorText(int error) {
 const char* MuxerName(ContainerMuxer::Container container) {
   switch (container) {
     case ContainerMuxer::kMp4:
-      return "mp4";
     case ContainerMuxer::kM4a:
-      return "ipod";  // The mov muxer in its M4A flavour ("M4A " brand).
+      break;  // Mp4Muxer's.
     case ContainerMuxer::kMkv:
       return "matroska";
     case ContainerMuxer::kWav:
@@ -67,7 +66,7 @@ bool SetExtradata(AVCodecParameters* parameters, const Bytes& bytes) {
 
 }  // namespace
 
-struct ContainerMuxer::StreamState {
+struct FfmpegContainerMuxer::StreamState {
   AVStream* stream = nullptr;
   AVRational input_time_base{1, 1000};
   AVPacket* held = nullptr;  // Valid when has_held.
@@ -104,29 +103,29 @@ bool ProbeVideoSize(bool hevc, const uint8_t* data, size_t size, int* width, int
   return found;
 }
 
-std::unique_ptr<ContainerMuxer> ContainerMuxer::Create(Container container,
-                                                       const std::string& path) {
-  std::unique_ptr<ContainerMuxer> muxer(new ContainerMuxer(container, path));
+std::unique_ptr<FfmpegContainerMuxer> FfmpegContainerMuxer::Create(Container container,
+                                                                   const std::string& path) {
+  std::unique_ptr<FfmpegContainerMuxer> muxer(new FfmpegContainerMuxer(container, path));
   if (!muxer->Open()) return nullptr;
   return muxer;
 }
 
-ContainerMuxer::ContainerMuxer(Container container, std::string path)
-    : container_(container), path_(std::move(path)) {}
+FfmpegContainerMuxer::FfmpegContainerMuxer(Container container, std::string path)
+    : ContainerMuxer(std::move(path)), container_(container) {}
 
-ContainerMuxer::~ContainerMuxer() {
+FfmpegContainerMuxer::~FfmpegContainerMuxer() {
   if (!finished_) Discard();
 }
 
-bool ContainerMuxer::Open() {
+bool FfmpegContainerMuxer::Open() {
   int result =
-      avformat_alloc_output_context2(&context_, nullptr, MuxerName(container_), path_.c_str());
+      avformat_alloc_output_context2(&context_, nullptr, MuxerName(container_), path().c_str());
   if (result < 0 || context_ == nullptr) {
     TARN_LOG(tarn_logging::LS_ERROR, kLogConfig, this)
         << "no " << MuxerName(container_) << " muxer: " << AvErrorText(result);
     return false;
   }
-  file_ = OutputFile::Create(path_);
+  file_ = OutputFile::Create(path());
   if (!file_) return false;
   auto* buffer = static_cast<unsigned char*>(av_malloc(kIoBufferSize));
   if (buffer != nullptr) {
@@ -135,7 +134,7 @@ bool ContainerMuxer::Open() {
   }
   if (io_ == nullptr) {
     av_free(buffer);
-    TARN_LOG(tarn_logging::LS_ERROR, kLogConfig, this) << "out of memory opening " << path_;
+    TARN_LOG(tarn_logging::LS_ERROR, kLogConfig, this) << "out of memory opening " << path();
     return false;
   }
   context_->pb = io_;
@@ -143,7 +142,7 @@ bool ContainerMuxer::Open() {
   return true;
 }
 
-int ContainerMuxer::AddStream(int time_base_den) {
+int FfmpegContainerMuxer::AddStream(int time_base_den) {
   if (header_written_ || context_ == nullptr) return -1;
   AVStream* stream = avformat_new_stream(context_, nullptr);
   auto state = std::make_unique<StreamState>();
@@ -159,7 +158,7 @@ int ContainerMuxer::AddStream(int time_base_den) {
   return stream->index;
 }
 
-int ContainerMuxer::AddVideoStream(const VideoStreamConfig& config) {
+int FfmpegContainerMuxer::AddVideoStream(const VideoStreamConfig& config) {
   const int index = AddStream(config.time_base_den);
   if (index < 0) return -1;
   AVCodecParameters* parameters = streams_.back()->stream->codecpar;
@@ -171,7 +170,7 @@ int ContainerMuxer::AddVideoStream(const VideoStreamConfig& config) {
   return index;
 }
 
-int ContainerMuxer::AddAudioStream(const AudioStreamConfig& config) {
+int FfmpegContainerMuxer::AddAudioStream(const AudioStreamConfig& config) {
   const int index = AddStream(config.sample_rate);
   if (index < 0) return -1;
   AVCodecParameters* parameters = streams_.back()->stream->codecpar;
@@ -192,14 +191,12 @@ int ContainerMuxer::AddAudioStream(const AudioStreamConfig& config) {
   return index;
 }
 
-bool ContainerMuxer::WriteHeader() {
+bool FfmpegContainerMuxer::WriteHeader() {
   if (header_written_ || context_ == nullptr || streams_.empty()) return false;
   AVDictionary* options = nullptr;
   switch (container_) {
     case kMp4:
     case kM4a:
-      av_dict_set(&options, "movflags", "empty_moov+delay_moov+default_base_moof+frag_keyframe", 0);
-      av_dict_set(&options, "frag_duration", "250000", 0);  // us
       break;
     case kMkv:
       av_dict_set(&options, "cluster_time_limit", "250", 0);      // ms
@@ -213,7 +210,7 @@ bool ContainerMuxer::WriteHeader() {
   av_dict_free(&options);
   if (result < 0) {
     TARN_LOG(tarn_logging::LS_ERROR, kLogConfig, this)
-        << "cannot write the " << MuxerName(container_) << " header of " << path_ << ": "
+        << "cannot write the " << MuxerName(container_) << " header of " << path() << ": "
         << AvErrorText(result);
     return false;
   }
@@ -223,8 +220,9 @@ bool ContainerMuxer::WriteHeader() {
   return !file_->broken();
 }
 
-bool ContainerMuxer::WritePacket(int stream_index, const uint8_t* data, size_t size, int64_t pts,
-                                 int64_t dts, int64_t nominal_duration, bool key) {
+bool FfmpegContainerMuxer::WritePacket(int stream_index, const uint8_t* data, size_t size,
+                                       int64_t pts, int64_t dts, int64_t nominal_duration,
+                                       bool key) {
   if (!header_written_ || finished_ || stream_index < 0 ||
       stream_index >= static_cast<int>(streams_.size())) {
     return false;
@@ -249,7 +247,7 @@ bool ContainerMuxer::WritePacket(int stream_index, const uint8_t* data, size_t s
   return ok && !file_->has_backlog() && !file_->broken();
 }
 
-bool ContainerMuxer::MuxHeld(StreamState* stream, int64_t next_dts) {
+bool FfmpegContainerMuxer::MuxHeld(StreamState* stream, int64_t next_dts) {
   AVPacket* packet = stream->held;
   stream->has_held = false;
   if (file_->broken()) {
@@ -264,32 +262,32 @@ bool ContainerMuxer::MuxHeld(StreamState* stream, int64_t next_dts) {
   av_packet_unref(packet);
   if (result < 0) {
     TARN_LOG(tarn_logging::LS_ERROR, kLogConfig, this)
-        << "cannot write a packet of stream " << stream->stream->index << " to " << path_ << ": "
+        << "cannot write a packet of stream " << stream->stream->index << " to " << path() << ": "
         << AvErrorText(result);
   } else {
     ++stream->muxed;
   }
-  if (!first_fragment_cut_ && result >= 0) {
-    // Cut the first fragment (cluster) as soon as every stream has a packet in it, so
-    // that the file holds a moov with the right edit lists and plays from now on.
+  if (!first_unit_cut_ && result >= 0) {
+    // Cut the first cluster as soon as every stream has a packet in it, so that the
+    // file plays from now on.
     bool all = true;
     for (const auto& state : streams_) all = all && state->muxed > 0;
     if (all) {
-      first_fragment_cut_ = true;
+      first_unit_cut_ = true;
       av_write_frame(context_, nullptr);
     }
   }
   return FlushToDisk() && result >= 0;
 }
 
-bool ContainerMuxer::FlushToDisk() {
+bool FfmpegContainerMuxer::FlushToDisk() {
   avio_flush(io_);
   if (file_->has_backlog() || file_->broken()) return false;
   file_->Commit();
   return true;
 }
 
-int64_t ContainerMuxer::Finish() {
+int64_t FfmpegContainerMuxer::Finish() {
   if (finished_) return -1;
   if (!header_written_) {
     Discard();
@@ -304,7 +302,7 @@ int64_t ContainerMuxer::Finish() {
     avio_flush(io_);
     if (result < 0) {
       TARN_LOG(tarn_logging::LS_ERROR, kLogConfig, this)
-          << "cannot finish " << path_ << ": " << AvErrorText(result);
+          << "cannot finish " << path() << ": " << AvErrorText(result);
     }
     if (result < 0 || !file_->Drain()) file_->Break();
   }
@@ -315,13 +313,13 @@ int64_t ContainerMuxer::Finish() {
   return ok ? size : -1;
 }
 
-void ContainerMuxer::Discard() {
+void FfmpegContainerMuxer::Discard() {
   finished_ = true;
   Close();
   if (file_) file_->Close(/*remove_if_empty=*/true);
 }
 
-void ContainerMuxer::Close() {
+void FfmpegContainerMuxer::Close() {
   if (context_ != nullptr) {
     context_->pb = nullptr;
     avformat_free_context(context_);

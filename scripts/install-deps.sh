@@ -11,7 +11,8 @@ packages=(
   clang libclang-rt-14-dev  # scripts/run-fuzzers.sh: libFuzzer and the sanitizers
   # tests/e2e: real clients open the recordings (FAAD2, GStreamer's discoverer with the
   # MP4 demuxer, the H.264/H.265/AAC parsers and decoders, and headless Chromium).
-  faad gstreamer1.0-tools gstreamer1.0-plugins-base gstreamer1.0-plugins-good
+  faad gstreamer1.0-tools gstreamer1.0-plugins-base gstreamer1.0-plugins-base-apps
+  gstreamer1.0-plugins-good
   gstreamer1.0-plugins-bad gstreamer1.0-libav chromium python3
 )
 

@@ -33,6 +33,8 @@ constexpr float kWeightFloor = 1e-3f;
 // follow (a filter of order 12 sharpens an attack to a few milliseconds at most anyway)
 // and keeps the normal equations well conditioned.
 constexpr double kLagWindowWidth = 0.02;
+// Partial sums of the autocorrelation.
+constexpr int kLanes = 8;
 
 struct Constants {
   double positive_step;  // Index per radian of arcsine, for coefficients >= 0.
@@ -62,8 +64,8 @@ const Constants& Tables() {
 
 // One window's analysis and filtering; returns the prediction gain of the filter it
 // applied, 1 for none. `lines` is the window's spectrum, bands [first_band, top_band) of
-// `offsets` the range; `scratch` holds at least offsets[top_band] + kMaxTnsOrderLong
-// values.
+// `offsets` the range; `scratch` holds at least offsets[top_band] + kLanes +
+// kMaxTnsOrderLong values.
 float FilterWindow(float* lines, const uint16_t* offsets, int first_band, int top_band,
                    int num_bands, int max_order, float* scratch, TnsWindow* out) {
   out->n_filt = 0;
@@ -75,8 +77,12 @@ float FilterWindow(float* lines, const uint16_t* offsets, int first_band, int to
   float band_energy[kMaxBands];
   float total = 0.0f;
   for (int b = first_band; b < top_band; ++b) {
-    float sum = 0.0f;
-    for (int k = offsets[b]; k < offsets[b + 1]; ++k) sum += lines[k] * lines[k];
+    // Band edges are multiples of 4: four independent sums.
+    float part[4] = {};
+    for (int k = offsets[b]; k < offsets[b + 1]; k += 4) {
+      for (int j = 0; j < 4; ++j) part[j] += lines[k + j] * lines[k + j];
+    }
+    const float sum = (part[0] + part[1]) + (part[2] + part[3]);
     band_energy[b] = sum;
     total += sum;
   }
@@ -89,16 +95,22 @@ float FilterWindow(float* lines, const uint16_t* offsets, int first_band, int to
     for (int k = offsets[b]; k < offsets[b + 1]; ++k) y[k - start] = lines[k] * weight;
   }
   const int count = end - start;
-  std::fill(y + count, y + count + kMaxTnsOrderLong, 0.0f);
+  // Zeros past the range: the lags read up to max_order beyond it, the blocks of 8 up to
+  // 7 more.
+  std::fill(y + count, y + count + kLanes + kMaxTnsOrderLong, 0.0f);
 
-  // Autocorrelation: one accumulator per lag keeps the additions independent.
-  float acc[kMaxTnsOrderLong + 1] = {};
-  for (int n = 0; n < count; ++n) {
-    const float v = y[n];
-    for (int i = 0; i <= kMaxTnsOrderLong; ++i) acc[i] += v * y[n + i];
-  }
+  // Autocorrelation, each lag summed in kLanes independent partial sums that the
+  // compiler keeps in one vector register.
   double r[kMaxTnsOrderLong + 1];
-  for (int i = 0; i <= max_order; ++i) r[i] = acc[i];
+  for (int i = 0; i <= max_order; ++i) {
+    float part[kLanes] = {};
+    for (int n = 0; n < count; n += kLanes) {
+      for (int j = 0; j < kLanes; ++j) part[j] += y[n + j] * y[n + j + i];
+    }
+    double sum = 0.0;
+    for (int j = 0; j < kLanes; ++j) sum += part[j];
+    r[i] = sum;
+  }
   if (!(r[0] > 0.0)) return 1.0f;
 
   // Levinson-Durbin on the lag-windowed autocorrelation, for the reflection coefficients.
@@ -151,16 +163,29 @@ float FilterWindow(float* lines, const uint16_t* offsets, int first_band, int to
   const double gain = residual > 0.0 ? r[0] / residual : 0.0;
   if (!(gain > kTnsMinimumGain)) return 1.0f;
 
-  // e[n] = x[n] + sum_i q[i] x[n - i] over the range, nothing from below it; built in
-  // the scratch buffer (each coefficient one pass over the lines) and copied back.
-  float* e = scratch;
-  const float* x = lines + start;
-  std::copy(x, x + count, e);
-  for (int i = 1; i <= used; ++i) {
-    const float c = static_cast<float>(q[i]);
-    for (int n = i; n < count; ++n) e[n] += c * x[n - i];
+  // e[n] = x[n] + sum_i q[i] x[n - i] over the range, nothing from below it: from a copy
+  // of the range behind kMaxTnsOrderLong zeros, kLanes outputs at a time (independent
+  // sums the compiler keeps in one vector register).
+  float c[kMaxTnsOrderLong + 1];
+  for (int i = 1; i <= used; ++i) c[i] = static_cast<float>(q[i]);
+  float* x = scratch + kMaxTnsOrderLong;
+  std::fill(scratch, x, 0.0f);
+  std::copy(lines + start, lines + end, x);
+  float* e = lines + start;
+  int n = 0;
+  for (; n + kLanes <= count; n += kLanes) {
+    float sum[kLanes];
+    for (int j = 0; j < kLanes; ++j) sum[j] = x[n + j];
+    for (int i = 1; i <= used; ++i) {
+      for (int j = 0; j < kLanes; ++j) sum[j] += c[i] * x[n + j - i];
+    }
+    for (int j = 0; j < kLanes; ++j) e[n + j] = sum[j];
   }
-  std::copy(e, e + count, lines + start);
+  for (; n < count; ++n) {
+    float sum = x[n];
+    for (int i = 1; i <= used; ++i) sum += c[i] * x[n - i];
+    e[n] = sum;
+  }
 
   bool compress = true;
   for (int m = 0; m < used; ++m) {
@@ -200,7 +225,7 @@ bool ApplyTns(float* spectrum, WindowSequence sequence, const BandLayout& layout
   int first_band = 0;
   while (first_band < num_bands && offsets[first_band] < lowest_line) ++first_band;
 
-  float scratch[kFrameLength + kMaxTnsOrderLong];
+  float scratch[kFrameLength + kLanes + kMaxTnsOrderLong];
   data->present = false;
   for (int w = 0; w < windows; ++w) {
     const float gain =

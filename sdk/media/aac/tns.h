@@ -53,6 +53,15 @@ int TnsMaxBands(int sample_rate, bool is_short);
 // To be called on each channel's lines after the masking analysis (which belongs to the
 // unfiltered signal) and before mid/side: a decoder undoes mid/side first, then TNS per
 // channel.
+//
+// Where the noise goes: the lines of a long window describe each half of it folded onto
+// itself (time-domain aliasing), so the filter shapes the noise by the envelope of an
+// attack at position p and of its mirror image in the same half (1023 - p in the first,
+// 3071 - p in the second). The mirror lies after the attack when the attack is in the
+// first quarter of a half; for an attack in the last quarter of the window it lies before
+// the attack where the window is near 1, and TNS adds pre-echo instead. The encoder's
+// window switching gives such attacks short windows; a caller that keeps a long window
+// over one should not call this.
 bool ApplyTns(float* spectrum, WindowSequence sequence, const BandLayout& layout, int sample_rate,
               int coded_bands, TnsData* data, float* window_gain = nullptr);
 

@@ -944,6 +944,79 @@ TEST(TnsTest, AttackEarlyInALongWindowLosesItsPreEcho) {
             2 * Energy(plain.decoded, pcm, kFrameLength, end));
 }
 
+TEST(TnsTest, FiltersOnlyTheWindowsAndBandsWhereItPays) {
+  const BandLayout* layout = BandLayoutForSampleRate(kRate);
+  std::mt19937 random(23);
+  std::normal_distribution<double> normal(0.0, 100.0);
+  // 2048 samples: noise, and from `onset` on a click 40 dB above it.
+  const auto block = [&](int onset) {
+    std::vector<double> pcm(2 * kFrameLength);
+    for (int i = 0; i < 2 * kFrameLength; ++i) {
+      const double t = static_cast<double>(i - onset) / kRate;
+      pcm[i] = normal(random) +
+               (i >= onset ? 1e4 * std::exp(-t / 0.004) * std::sin(2 * M_PI * 3000 * t) : 0.0);
+    }
+    return pcm;
+  };
+  std::vector<double> long_window(2 * kFrameLength);
+  std::vector<double> short_window(2 * kShortWindowLength);
+  for (int n = 0; n < 2 * kFrameLength; ++n) long_window[n] = LongSine(n);
+  for (int n = 0; n < 2 * kShortWindowLength; ++n) short_window[n] = ShortSine(n);
+  const auto long_spectrum = [&](const std::vector<double>& pcm) {
+    const std::vector<double> x = ForwardMdct(pcm.data(), long_window.data(), 2 * kFrameLength);
+    return std::vector<float>(x.begin(), x.end());
+  };
+
+  // Stationary noise: nothing pays, nothing changes.
+  std::vector<float> noise = long_spectrum(block(2 * kFrameLength));
+  const std::vector<float> noise_before = noise;
+  TnsData tns;
+  float gain[kShortWindows] = {0};
+  EXPECT_FALSE(ApplyTns(noise.data(), kOnlyLong, *layout, kRate, 49, &tns, gain));
+  EXPECT_FALSE(tns.present);
+  EXPECT_EQ(gain[0], 1.0f);
+  EXPECT_EQ(noise, noise_before);
+
+  // A click early in the window, coded up to band 30: filtered from 1.5 kHz (band 13 at
+  // line 64) to band 30, nothing outside.
+  std::vector<float> click = long_spectrum(block(300));
+  const std::vector<float> click_before = click;
+  ASSERT_TRUE(ApplyTns(click.data(), kOnlyLong, *layout, kRate, 30, &tns, gain));
+  EXPECT_GT(gain[0], kTnsMinimumGain);
+  ASSERT_EQ(tns.window[0].n_filt, 1);
+  EXPECT_EQ(tns.window[0].filter[0].length, layout->num_long_bands - 13);
+  EXPECT_LE(tns.window[0].filter[0].order, kMaxTnsOrderLong);
+  EXPECT_EQ(layout->long_offsets[13], 64);
+  for (int k = 0; k < kFrameLength; ++k) {
+    if (k < 64 || k >= layout->long_offsets[30]) {
+      ASSERT_EQ(click[k], click_before[k]) << k;
+    }
+  }
+  // An upward filter leaves the first line of its range as it is, and changes the next.
+  EXPECT_NE(click[65], click_before[65]);
+
+  // Eight short windows over the frame's middle; the click starts in window 5 (the first
+  // to hold it), its decay goes on into windows 6 and 7.
+  const std::vector<double> pcm = block(448 + 5 * kShortWindowLength + 160);
+  std::vector<float> shorts(kFrameLength);
+  for (int w = 0; w < kShortWindows; ++w) {
+    const std::vector<double> x =
+        ForwardMdct(pcm.data() + 448 + w * kShortWindowLength, short_window.data(), 256);
+    std::copy(x.begin(), x.end(), shorts.begin() + w * kShortWindowLength);
+  }
+  ASSERT_TRUE(ApplyTns(shorts.data(), kEightShort, *layout, kRate, 14, &tns, gain));
+  for (int w = 0; w <= 5; ++w) {
+    EXPECT_EQ(tns.window[w].n_filt, w == 5 ? 1 : 0) << w;
+    EXPECT_EQ(gain[w] > 1.0f, w == 5) << w;
+  }
+  EXPECT_LE(tns.window[5].filter[0].order, kMaxTnsOrderShort);
+  // What ApplyTns chose is what the syntax codes.
+  ChannelData channel{};
+  SetWindow(&channel, kEightShort, {5, 3});
+  channel.tns = tns;
+  EXPECT_LT(PrepareChannel(&channel), kNoFit);
+}
+
 }  // namespace
 }  // namespace aac
 }  // namespace audio

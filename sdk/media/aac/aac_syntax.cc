@@ -20,8 +20,8 @@ constexpr int kGlobalGainBits = 8;
 constexpr int kLongIcsInfoBits =
     1 + 2 + 1 + 6 + 1;  // reserved, sequence, shape, max_sfb, predictor
 constexpr int kShortIcsInfoBits =
-    1 + 2 + 1 + 4 + 7;              // reserved, sequence, shape, max_sfb, grouping
-constexpr int kAbsentToolBits = 3;  // pulse, TNS and gain control flags.
+    1 + 2 + 1 + 4 + 7;            // reserved, sequence, shape, max_sfb, grouping
+constexpr int kToolFlagBits = 3;  // pulse, TNS and gain control flags.
 constexpr int kCodebookBits = 4;
 constexpr int kMsMaskPresentBits = 2;
 constexpr int kEscapeCodebookLargest = 16;  // The index value of codebook 11 that escapes.
@@ -214,6 +214,48 @@ int IcsInfoBits(const Shape& shape) {
   return shape.is_short ? kShortIcsInfoBits : kLongIcsInfoBits;
 }
 
+// Field widths of tns_data() for long and short windows.
+struct TnsWidths {
+  int windows;
+  int n_filt;
+  int length;
+  int order;
+  int max_order;
+};
+
+TnsWidths TnsFieldWidths(bool is_short) {
+  return is_short ? TnsWidths{kShortWindows, 1, 4, 3, kMaxTnsOrderShort}
+                  : TnsWidths{1, 2, 6, 5, kMaxTnsOrderLong};
+}
+
+// Bits of tns_data() (0 when absent), or kInfinite when a field is out of its range.
+int TnsBits(const TnsData& tns, const Shape& shape) {
+  if (!tns.present) return 0;
+  const TnsWidths widths = TnsFieldWidths(shape.is_short);
+  int bits = 0;
+  for (int w = 0; w < widths.windows; ++w) {
+    const TnsWindow& window = tns.window[w];
+    bits += widths.n_filt;
+    if (window.n_filt == 0) continue;
+    if (window.n_filt >= 1 << widths.n_filt || window.coef_res > 1) return kInfinite;
+    bits += 1;  // coef_res
+    for (int f = 0; f < window.n_filt; ++f) {
+      const TnsFilter& filter = window.filter[f];
+      if (filter.length >= 1 << widths.length || filter.order > widths.max_order) return kInfinite;
+      bits += widths.length + widths.order;
+      if (filter.order == 0) continue;
+      if (filter.direction > 1 || filter.coef_compress > 1) return kInfinite;
+      const int coef_bits = 3 + window.coef_res - filter.coef_compress;
+      const int lowest = -(1 << (coef_bits - 1));
+      for (int i = 0; i < filter.order; ++i) {
+        if (filter.coef[i] < lowest || filter.coef[i] > -lowest - 1) return kInfinite;
+      }
+      bits += 2 + filter.order * coef_bits;  // direction, coef_compress, coef[]
+    }
+  }
+  return bits;
+}
+
 // Band peaks of every group and band, and one past the last band with a nonzero value.
 struct Peaks {
   int value[kShortWindows][kMaxBands];
@@ -264,9 +306,10 @@ int ChooseCodebooks(ChannelData* channel, const Shape& shape, const Peaks& peaks
   const LengthTables& t = Lengths();
   channel->ics.max_sfb = static_cast<uint8_t>(max_sfb);
   const int sf_bits = NonzeroScalefactorBits(*channel, shape, peaks, max_sfb);
-  if (sf_bits >= kInfinite) return kNoFit;
-  int total =
-      kGlobalGainBits + (common_window ? 0 : IcsInfoBits(shape)) + kAbsentToolBits + sf_bits;
+  const int tns_bits = TnsBits(channel->tns, shape);
+  if (sf_bits >= kInfinite || tns_bits >= kInfinite) return kNoFit;
+  int total = kGlobalGainBits + (common_window ? 0 : IcsInfoBits(shape)) + kToolFlagBits +
+              tns_bits + sf_bits;
   const int new_section = kCodebookBits + shape.section_bits;
 
   for (int g = 0; g < shape.num_groups; ++g) {
@@ -368,9 +411,10 @@ int CountChannel(const ChannelData& channel, const Shape& shape, bool common_win
   const int max_sfb = channel.ics.max_sfb;
   if (max_sfb > shape.num_bands || max_sfb < peaks.max_sfb) return kNoFit;
   const int sf_bits = NonzeroScalefactorBits(channel, shape, peaks, max_sfb);
-  if (sf_bits >= kInfinite) return kNoFit;
-  int total =
-      kGlobalGainBits + (common_window ? 0 : IcsInfoBits(shape)) + kAbsentToolBits + sf_bits;
+  const int tns_bits = TnsBits(channel.tns, shape);
+  if (sf_bits >= kInfinite || tns_bits >= kInfinite) return kNoFit;
+  int total = kGlobalGainBits + (common_window ? 0 : IcsInfoBits(shape)) + kToolFlagBits +
+              tns_bits + sf_bits;
   for (int g = 0; g < shape.num_groups; ++g) {
     int run = 0;
     for (int b = 0; b < max_sfb; ++b) {
@@ -511,6 +555,29 @@ void PutIcsInfo(BitWriter* writer, const ChannelData& channel, const Shape& shap
   }
 }
 
+void PutTns(BitWriter* writer, const TnsData& tns, const Shape& shape) {
+  const TnsWidths widths = TnsFieldWidths(shape.is_short);
+  for (int w = 0; w < widths.windows; ++w) {
+    const TnsWindow& window = tns.window[w];
+    writer->Put(window.n_filt, widths.n_filt);
+    if (window.n_filt == 0) continue;
+    writer->Put(window.coef_res, 1);
+    for (int f = 0; f < window.n_filt; ++f) {
+      const TnsFilter& filter = window.filter[f];
+      writer->Put(filter.length, widths.length);
+      writer->Put(filter.order, widths.order);
+      if (filter.order == 0) continue;
+      writer->Put(filter.direction, 1);
+      writer->Put(filter.coef_compress, 1);
+      const int coef_bits = 3 + window.coef_res - filter.coef_compress;
+      // Two's complement in coef_bits bits.
+      for (int i = 0; i < filter.order; ++i) {
+        writer->Put(static_cast<uint32_t>(filter.coef[i]), coef_bits);
+      }
+    }
+  }
+}
+
 void PutIcs(BitWriter* writer, const ChannelData& channel, bool common_window) {
   Shape shape;
   if (!MakeShape(channel, &shape)) return;
@@ -562,7 +629,10 @@ void PutIcs(BitWriter* writer, const ChannelData& channel, bool common_window) {
     }
   }
 
-  writer->Put(0, kAbsentToolBits);  // pulse_data_present, tns_data_present, gain_control
+  writer->Put(0, 1);  // pulse_data_present
+  writer->Put(channel.tns.present ? 1 : 0, 1);
+  if (channel.tns.present) PutTns(writer, channel.tns, shape);
+  writer->Put(0, 1);  // gain_control_data_present
 
   // spectral_data: per group, per band, per window of the group.
   for (int g = 0; g < shape.num_groups; ++g) {

@@ -76,6 +76,38 @@ struct IcsInfo {
   uint8_t window_group_length[kShortWindows] = {1};
 };
 
+// Temporal noise shaping filters of one channel, as tns_data() codes them. The encoder's
+// analysis (tns.h) fills it; the writers send it as it is. Filters of a window cover
+// bands from the top down: the first ends at the layout's last band and takes `length`
+// bands below it, each further one the `length` bands below the one before. A decoder
+// runs each filter only up to min(TNS_MAX_BANDS of the rate, max_sfb).
+constexpr int kMaxTnsOrderLong = 12;  // AAC-LC.
+constexpr int kMaxTnsOrderShort = 7;
+constexpr int kMaxTnsFiltersLong = 3;  // n_filt of a long window: 2 bits.
+constexpr int kMaxTnsFiltersShort = 1;
+
+struct TnsFilter {
+  uint8_t length = 0;     // Bands; < 64 (long), < 16 (short).
+  uint8_t order = 0;      // 0 = these bands unfiltered; <= kMaxTnsOrderLong / Short.
+  uint8_t direction = 0;  // 0: runs from low to high lines; 1: from high to low.
+  // 1: each coefficient is sent with one bit less (it must fit the narrower range).
+  uint8_t coef_compress = 0;
+  // Quantised reflection coefficients, `order` of them, each within the signed range of
+  // 3 + coef_res - coef_compress bits.
+  int8_t coef[kMaxTnsOrderLong] = {};
+};
+
+struct TnsWindow {
+  uint8_t n_filt = 0;    // <= kMaxTnsFiltersLong / Short.
+  uint8_t coef_res = 1;  // 0: 3-bit coefficients, 1: 4-bit.
+  TnsFilter filter[kMaxTnsFiltersLong];
+};
+
+struct TnsData {
+  bool present = false;
+  TnsWindow window[kShortWindows];  // Long windows: window[0] only.
+};
+
 struct ChannelData {
   IcsInfo ics;
   const BandLayout* layout = nullptr;  // Set by the analysis side.
@@ -93,6 +125,9 @@ struct ChannelData {
   // band under a nonzero codebook is coded with the scalefactor of the coded band before
   // it (a difference of 0), whatever `scalefactor` holds for it.
   uint8_t codebook[kShortWindows][kMaxBands];
+  // Sent when `tns.present`; counted by Prepare* and *Bits, which return kNoFit when a
+  // field is out of the range the syntax codes.
+  TnsData tns;
 };
 
 // Bits to code `count` quantised values (a multiple of 4) with spectral codebook
@@ -105,9 +140,10 @@ int SpectralBits(const int32_t* values, int count, int codebook);
 // them (fewest bits, section headers included), sets ics.max_sfb (one past the last band
 // with a nonzero value in any group, 0 when all are zero) and returns the bits of the
 // whole individual_channel_stream for a channel without a common window: global_gain,
-// ics_info, section_data, scale_factor_data (with the scalefactors as they are),
-// the three absent-tool flags and spectral_data. Returns kNoFit when two consecutive coded
-// scalefactors differ by more than kMaxScalefactorDelta or a scalefactor leaves 0..255.
+// ics_info, section_data, scale_factor_data (with the scalefactors as they are), the
+// pulse, TNS and gain-control flags, tns_data() when present, and spectral_data. Returns kNoFit
+// when two consecutive coded scalefactors differ by more than kMaxScalefactorDelta or a scalefactor
+// leaves 0..255.
 int PrepareChannel(ChannelData* channel);
 
 // For a channel pair that shares its window (same sequence, shape and grouping): makes

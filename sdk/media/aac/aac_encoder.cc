@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "sdk/base/logging.h"
+#include "sdk/media/aac/tns.h"
 
 namespace tarnel {
 namespace audio {
@@ -49,6 +50,13 @@ constexpr float kLoudRmsDecay = 0.97f;     // A block: ~6 dB a second.
 constexpr float kGroupEnergyRatio = 8.0f;
 // Energy-weighted tonality above which a frame takes the Kaiser-Bessel-derived window.
 constexpr float kKaiserBesselTonality = 0.6f;
+
+// Frames more tonal than this get no temporal noise shaping.
+constexpr float kTnsMaxTonality = 0.2f;
+
+// A transient frame may take this share of the reservoir (the frames after it need the
+// rest: an attack's decay is loud too).
+constexpr float kTransientShare = 0.6f;
 
 // The rate loop's common scalefactor offset stays within this (±90 dB of noise).
 constexpr int kOffsetRange = 60;
@@ -134,6 +142,7 @@ struct AacEncoder::State {
   aac::MaskingModel long_model;
   aac::MaskingModel short_model;
   const BandLayout* layout = nullptr;
+  int tns_first_band = 0;
 
   WindowSequence sequence = kOnlyLong;
   WindowSequence previous_sequence = kOnlyLong;
@@ -190,6 +199,13 @@ bool AacEncoder::Init(const AudioEncodeParams& params) {
     s.quant_scale[sf] = std::exp2(-0.1875f * static_cast<float>(sf - aac::kScalefactorOffset));
   }
   s.layout = layout;
+  // The first long-window band temporal noise shaping filters.
+  s.tns_first_band = 0;
+  while (s.tns_first_band < layout->num_long_bands &&
+         layout->long_offsets[s.tns_first_band] * 0.5f * params.sample_rate / kFrameLength <
+             aac::kTnsLowestHz) {
+    ++s.tns_first_band;
+  }
   // The audio band coded, from the bit rate per channel: narrower at low rates, so the
   // bits go where the ear is most sensitive (about 16 kHz at 64 kb/s, 18 kHz at 96).
   const float per_channel = static_cast<float>(params.bitrate) / params.channels;
@@ -263,8 +279,9 @@ std::shared_ptr<AudioFrame> AacEncoder::Encode(std::shared_ptr<AudioFrame> input
   }
 
   bool early_attack = false;
+  bool early_rise = false;
   s.previous_sequence = s.sequence;
-  s.sequence = ChooseWindowSequence(&early_attack);
+  s.sequence = ChooseWindowSequence(&early_attack, &early_rise);
   // Strongly tonal audio (as the last frame was) takes the Kaiser-Bessel-derived shape.
   s.previous_shape = s.shape;
   s.shape = s.sequence != kEightShort && s.tonality > kKaiserBesselTonality ? 1 : 0;
@@ -279,6 +296,14 @@ std::shared_ptr<AudioFrame> AacEncoder::Encode(std::shared_ptr<AudioFrame> input
   s.tonality_sum = s.energy_sum = 0.0f;
   for (int ch = 0; ch < channels_; ++ch) Analyze(ch);
   s.tonality = s.energy_sum > 0.0f ? s.tonality_sum / s.energy_sum : 0.0f;
+  for (int ch = 0; ch < channels_; ++ch) {
+    s.data[ch].tns.present = false;
+    // Only for a sharp rise (an abrupt end leaves nothing after it to hide the noise
+    // under), and not on tonal frames (a tone starting or stopping): their sparse lines predict
+    // each other across frequency whatever the envelope, and the filter's noise gain
+    // would land on the tone.
+    if (early_rise && s.tonality < kTnsMaxTonality) ShapeNoiseInTime(ch);
+  }
   s.any_ms = false;
   if (channels_ == 2) ChooseMidSide();
   s.nonzero_lines = 0;
@@ -295,19 +320,23 @@ std::shared_ptr<AudioFrame> AacEncoder::Encode(std::shared_ptr<AudioFrame> input
   return Emit(input->GetTimestampInMs(), element_bits);
 }
 
-WindowSequence AacEncoder::ChooseWindowSequence(bool* early_attack) {
+WindowSequence AacEncoder::ChooseWindowSequence(bool* early_attack, bool* early_rise) {
   State& s = *state_;
   bool late = false;
   bool early = false;
+  bool early_sharp = false;
   bool quiet = true;
   for (int ch = 0; ch < channels_; ++ch) {
     const float* block = s.history[ch] + kFrameLength;
     const aac::TransientDetector::Result result = s.detector[ch].Analyze(block, kShortStart);
     late = late || result.late_attack;
     // Early: within what this frame's window covers of the block (up to 576).
+    const int covered = kShortStart + kShortWindowLength;
     early = early || (result.first_attack_slice >= 0 &&
-                      result.first_attack_slice * aac::TransientDetector::kSliceLength <
-                          kShortStart + kShortWindowLength);
+                      result.first_attack_slice * aac::TransientDetector::kSliceLength < covered);
+    early_sharp =
+        early_sharp || (result.first_sharp_slice >= 0 &&
+                        result.first_sharp_slice * aac::TransientDetector::kSliceLength < covered);
     float sum = 0.0f;
     for (int i = 0; i < kFrameLength; ++i) sum += block[i] * block[i];
     const float rms = std::sqrt(sum / kFrameLength);
@@ -331,7 +360,9 @@ WindowSequence AacEncoder::ChooseWindowSequence(bool* early_attack) {
       sequence = early || late || quiet || s.late_attack ? kEightShort : kLongStop;
       break;
     default:
-      if (early && s.previous_frame_empty) {
+      // A bass note out of silence keeps its long window: its pre-echo is inaudible, and
+      // short windows cannot resolve it.
+      if (early_sharp && s.previous_frame_empty) {
         sequence = kEightShort;
       } else {
         sequence = late || quiet ? kLongStart : kOnlyLong;
@@ -340,6 +371,7 @@ WindowSequence AacEncoder::ChooseWindowSequence(bool* early_attack) {
   }
   s.late_attack = late;
   *early_attack = early && sequence != kEightShort;
+  *early_rise = early_sharp && sequence != kEightShort;
   return sequence;
 }
 
@@ -455,6 +487,31 @@ void AacEncoder::Analyze(int channel) {
   // The frame's tonality: the loudest channel's weighs most.
   s.tonality_sum += weighted;
   s.energy_sum += total;
+}
+
+void AacEncoder::ShapeNoiseInTime(int channel) {
+  // An attack early in a long window this frame could not switch for: temporal noise
+  // shaping moves the window's quantisation noise under the attack's envelope (and its
+  // mirror image after it, which is why it is kept to attacks early in the block).
+  State& s = *state_;
+  const aac::MaskingModel& model = s.long_model;
+  float gain = 1.0f;
+  if (!aac::ApplyTns(s.spectrum[channel], s.sequence, *s.layout, sample_rate_, model.coded_bands(),
+                     &s.data[channel].tns, &gain)) {
+    return;
+  }
+  // The decoder's filter raises the noise of the filtered bands by about the prediction
+  // gain (it gains the envelope's shape in return): aim lower there. Their energies
+  // follow the filtered lines, which mid/side and quantisation see.
+  ChannelPlan& plan = s.plan[channel];
+  const uint16_t* offsets = s.layout->long_offsets;
+  const float* lines = s.spectrum[channel];
+  for (int b = s.tns_first_band; b < model.coded_bands(); ++b) {
+    float energy = 0.0f;
+    for (int k = offsets[b]; k < offsets[b + 1]; ++k) energy += lines[k] * lines[k];
+    plan.energy[0][b] = energy;
+    plan.threshold[0][b] /= gain;
+  }
 }
 
 void AacEncoder::ChooseMidSide() {
@@ -659,7 +716,7 @@ void AacEncoder::FrameBudget(bool transient, int* target, int* most) const {
   float share = 1.0f;
   if (mean_pe_ > 0.0f) share = std::clamp(std::sqrt(s.pe / mean_pe_), 0.6f, 1.8f);
   float wanted = mean * share + 0.2f * (reservoir_bits_ - 0.3f * reservoir_max_);
-  if (transient) wanted = std::max(wanted, mean + 0.6f * reservoir_bits_);
+  if (transient) wanted = std::max(wanted, mean + kTransientShare * reservoir_bits_);
   // What the reservoir could not keep would be padded: better spent on this frame.
   wanted = std::max(wanted, static_cast<float>(mean + reservoir_bits_ - reservoir_max_));
   *target = std::clamp(static_cast<int>(wanted), mean / 4, *most);

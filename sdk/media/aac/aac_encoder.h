@@ -73,11 +73,15 @@ class AacEncoder : public AudioEncoder {
   struct State;
   struct ChannelPlan;
 
-  // Picks the window sequence of the frame from both channels' attacks.
-  aac::WindowSequence ChooseWindowSequence(bool* early_attack);
+  // Picks the window sequence of the frame from both channels' attacks; tells whether an
+  // attack (or an abrupt end) early in the block, or a sharp rise there, had to stay in a
+  // long window.
+  aac::WindowSequence ChooseWindowSequence(bool* early_attack, bool* early_rise);
   void Transform(int channel, aac::WindowSequence sequence);
   void GroupShortWindows();
   void Analyze(int channel);
+  // Temporal noise shaping of a long window holding an attack; adjusts the plan.
+  void ShapeNoiseInTime(int channel);
   void ChooseMidSide();
   void PrepareQuantisation(int channel);
   // Quantises every channel at the common offset `offset` and returns the bits of the

@@ -86,16 +86,18 @@ TransientDetector::Result TransientDetector::Analyze(const float* block, int lat
     // end (a loud slice followed by near-silence): each would spread a long window's
     // quantisation noise where there is nothing to mask it. Envelopes from before the
     // last slice too, so that an attack starting at a slice's end is not hidden.
+    const bool sharp =
+        high_energy > kAttackFloor &&
+        high_energy > kAttackRatio * std::min(high_envelope_, previous_high_envelope_);
     const bool attack =
-        (high_energy > kAttackFloor &&
-         high_energy > kAttackRatio * std::min(high_envelope_, previous_high_envelope_)) ||
-        (energy > kAttackFloor &&
-         energy > kBroadAttackRatio * std::min(envelope_, previous_envelope_));
+        sharp || (energy > kAttackFloor &&
+                  energy > kBroadAttackRatio * std::min(envelope_, previous_envelope_));
     const bool cut =
         previous_high_energy_ > kAttackFloor && high_energy * kCutRatio < previous_high_energy_;
     previous_high_energy_ = high_energy;
     if (attack || cut) {
       if (result.first_attack_slice < 0) result.first_attack_slice = slice;
+      if (sharp && result.first_sharp_slice < 0) result.first_sharp_slice = slice;
       if ((slice + 1) * kSliceLength > late_from) result.late_attack = true;
     }
     previous_high_envelope_ = high_envelope_;

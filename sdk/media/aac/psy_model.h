@@ -27,8 +27,10 @@ namespace aac {
 class TransientDetector {
  public:
   struct Result {
-    // The first 64-sample slice of the block holding an attack, or -1.
+    // The first 64-sample slice of the block holding an attack (or an abrupt end), or -1.
     int first_attack_slice = -1;
+    // The first holding a sharp one (in the high band: a click, not a bass note), or -1.
+    int first_sharp_slice = -1;
     // Whether an attack starts at or after sample `late_from`.
     bool late_attack = false;
   };

@@ -105,6 +105,8 @@ bool MeasureQuality(const Audio& reference, const Audio& decoded, const QualityO
   double segmental_sum = 0;
   int segmental_frames = 0;
   std::vector<double> block_db;
+  std::vector<double> band_sum;
+  std::vector<double> band_nmr;
   for (int c = 0; c < out.channels; ++c) {
     std::vector<double> ref(padded, 0.0), err(padded, 0.0);
     for (size_t n = 0; n < count; ++n) {
@@ -116,11 +118,13 @@ bool MeasureQuality(const Audio& reference, const Audio& decoded, const QualityO
     signal_energy += channel_signal;
     noise_energy += channel_noise;
 
-    NmrModel model(reference.sample_rate, block);
+    NmrModel model(reference.sample_rate, block, options.noise);
     double channel_nmr_sum = 0;
     for (size_t b = 0; b < block_count; ++b) {
       const size_t s = b * model.hop();
-      const double nmr = model.BlockNmr(&ref[s], &err[s]);
+      const double nmr = model.BlockNmr(&ref[s], &err[s], &band_nmr);
+      band_sum.resize(band_nmr.size(), 0.0);
+      for (size_t m = 0; m < band_nmr.size(); ++m) band_sum[m] += band_nmr[m];
       channel_nmr_sum += nmr;
       BlockFigures figures;
       figures.channel = c;
@@ -131,6 +135,9 @@ bool MeasureQuality(const Audio& reference, const Audio& decoded, const QualityO
       block_db.push_back(figures.nmr_db);
     }
     all_nmr_sum += channel_nmr_sum;
+    if (c == 0) {
+      for (int m = 0; m < model.band_count(); ++m) out.bands.push_back({model.band_center_hz(m)});
+    }
     out.per_channel.push_back(
         {RatioDb(channel_nmr_sum / block_count, 1.0), RatioDb(channel_signal, channel_noise)});
 
@@ -152,6 +159,9 @@ bool MeasureQuality(const Audio& reference, const Audio& decoded, const QualityO
     }
   }
 
+  for (size_t m = 0; m < out.bands.size(); ++m) {
+    out.bands[m].nmr_db = RatioDb(band_sum[m] / static_cast<double>(block_db.size()), 1.0);
+  }
   out.snr_db = RatioDb(signal_energy, noise_energy);
   if (segmental_frames > 0) out.segmental_snr_db = segmental_sum / segmental_frames;
   const double blocks_total = static_cast<double>(block_db.size());

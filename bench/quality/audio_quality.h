@@ -18,6 +18,7 @@
 #include <string>
 #include <vector>
 
+#include "bench/quality/nmr_model.h"
 #include "bench/quality/wav_reader.h"
 
 namespace tarnel_bench {
@@ -48,6 +49,7 @@ struct QualityOptions {
   int block_size = 2048;   // NMR blocks (hop: half), a power of two 256..16384.
   std::optional<int> lag;  // Given: used instead of the lag found.
   int max_lag = 4096;
+  NmrModel::NoiseSpectrum noise = NmrModel::NoiseSpectrum::kComplexDifference;
 };
 
 struct BlockFigures {
@@ -55,6 +57,12 @@ struct BlockFigures {
   double time_s = 0;  // Centre of the block on the reference's timeline.
   double nmr_db = 0;
   double snr_db = 0;  // Over the block's samples, unwindowed.
+};
+
+// One band of the ear model over the whole item.
+struct BandFigures {
+  double center_hz = 0;
+  double nmr_db = kFloorDb;  // 10 log10 of the band's mean linear NMR over all blocks.
 };
 
 struct ChannelFigures {
@@ -82,6 +90,7 @@ struct QualityReport {
   int loud_frames = 0;
   std::vector<ChannelFigures> per_channel;
   std::vector<BlockFigures> blocks;
+  std::vector<BandFigures> bands;
 };
 
 // False, with `*error` set, when the two differ in rate or channel count or do not

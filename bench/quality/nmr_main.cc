@@ -1,12 +1,15 @@
 // nmr: perceptual and waveform quality of a decoded WAV against its reference.
 //
-//   nmr REFERENCE.wav DECODED.wav [--lag N] [--max-lag N] [--block N] [--csv FILE] [--json]
+//   nmr REFERENCE.wav DECODED.wav [--lag N] [--max-lag N] [--block N] [--csv FILE]
+//       [--bands FILE] [--json]
 //
 // Aligns the two (the lag is searched within +-max-lag samples unless --lag gives it;
 // positive: the decoded signal is late), then prints the noise-to-mask ratio (total,
 // 99th percentile and maximum over blocks, share of blocks above 0 dB) and the SNRs
 // (whole signal, segmental, lowest over loud 1024-sample frames). See nmr_model.h for
-// the ear model and audio_quality.h for the figures and their clamping.
+// the ear model and audio_quality.h for the figures and their clamping. --csv writes
+// one row per block and channel (time, NMR, SNR), --bands one row per band of the ear
+// model (centre frequency, NMR over the item): where the noise is heard.
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -24,7 +27,7 @@ using tarnel_bench::quality::QualityReport;
 int Usage() {
   std::fprintf(stderr,
                "usage: nmr REFERENCE.wav DECODED.wav [--lag N] [--max-lag N] [--block N]\n"
-               "           [--csv FILE] [--json]\n");
+               "           [--csv FILE] [--bands FILE] [--json]\n");
   return 2;
 }
 
@@ -82,12 +85,21 @@ bool WriteCsv(const std::string& path, const QualityReport& r) {
   return std::fclose(f) == 0;
 }
 
+bool WriteBands(const std::string& path, const QualityReport& r) {
+  FILE* f = std::fopen(path.c_str(), "w");
+  if (!f) return false;
+  std::fprintf(f, "center_hz,nmr_db\n");
+  for (const auto& b : r.bands) std::fprintf(f, "%.1f,%.3f\n", b.center_hz, b.nmr_db);
+  return std::fclose(f) == 0;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
   std::string paths[2];
   int path_count = 0;
   std::string csv;
+  std::string bands;
   bool json = false;
   QualityOptions options;
   for (int i = 1; i < argc; ++i) {
@@ -101,6 +113,10 @@ int main(int argc, char** argv) {
       options.max_lag = std::atoi(argv[++i]);
     } else if (arg == "--block" && has_value) {
       options.block_size = std::atoi(argv[++i]);
+    } else if (arg == "--magnitude-noise") {
+      options.noise = tarnel_bench::quality::NmrModel::NoiseSpectrum::kMagnitudeDifference;
+    } else if (arg == "--bands" && has_value) {
+      bands = argv[++i];
     } else if (arg == "--csv" && has_value) {
       csv = argv[++i];
     } else if (!arg.empty() && arg[0] != '-' && path_count < 2) {
@@ -125,6 +141,10 @@ int main(int argc, char** argv) {
   }
   if (!csv.empty() && !WriteCsv(csv, report)) {
     std::fprintf(stderr, "nmr: cannot write %s\n", csv.c_str());
+    return 1;
+  }
+  if (!bands.empty() && !WriteBands(bands, report)) {
+    std::fprintf(stderr, "nmr: cannot write %s\n", bands.c_str());
     return 1;
   }
   if (json) {

@@ -35,8 +35,8 @@ double EarWeight(double hz) {
 
 }  // namespace
 
-NmrModel::NmrModel(int sample_rate, int block_size)
-    : sample_rate_(sample_rate), block_size_(block_size) {
+NmrModel::NmrModel(int sample_rate, int block_size, NoiseSpectrum noise)
+    : sample_rate_(sample_rate), block_size_(block_size), noise_(noise) {
   assert(IsPowerOfTwo(static_cast<size_t>(block_size)) && block_size >= 256);
   const int n = block_size_;
   const double bin_hz = static_cast<double>(sample_rate_) / n;
@@ -44,13 +44,11 @@ NmrModel::NmrModel(int sample_rate, int block_size)
   // Hann window, then the gain that puts a full-scale sine at the playback level.
   window_.resize(n);
   for (int i = 0; i < n; ++i) window_[i] = 0.5 - 0.5 * std::cos(2 * M_PI * i / n);
-  spectrum_.assign(n, {});
-  for (int i = 0; i < n; ++i) {
-    spectrum_[i] = window_[i] * std::sin(2 * M_PI * kCalibrationHz * i / sample_rate_);
-  }
-  Fft(&spectrum_);
+  std::vector<double> sine(n);
+  for (int i = 0; i < n; ++i) sine[i] = std::sin(2 * M_PI * kCalibrationHz * i / sample_rate_);
+  Spectrum(sine.data(), &reference_spectrum_);  // With the window as it is so far.
   double peak = 0;
-  for (int k = 0; k <= n / 2; ++k) peak = std::max(peak, std::norm(spectrum_[k]));
+  for (int k = 0; k <= n / 2; ++k) peak = std::max(peak, std::norm(reference_spectrum_[k]));
   const double gain = std::sqrt(std::pow(10.0, kPlaybackLevelDbSpl / 10.0) / peak);
   for (double& w : window_) w *= gain;
 
@@ -89,16 +87,17 @@ NmrModel::NmrModel(int sample_rate, int block_size)
 
 void NmrModel::Reset() { forward_.assign(center_hz_.size(), 0.0); }
 
-void NmrModel::BandEnergies(const double* samples, std::vector<double>* bands) {
-  const int n = block_size_;
-  for (int i = 0; i < n; ++i) spectrum_[i] = samples[i] * window_[i];
-  Fft(&spectrum_);
+void NmrModel::Spectrum(const double* samples, std::vector<std::complex<double>>* spectrum) {
+  spectrum->resize(block_size_);
+  for (int i = 0; i < block_size_; ++i) (*spectrum)[i] = samples[i] * window_[i];
+  Fft(spectrum);
+}
+
+void NmrModel::Group(const std::vector<double>& bin_power, std::vector<double>* bands) const {
   bands->assign(center_hz_.size(), 0.0);
   for (size_t m = 0; m < band_bins_.size(); ++m) {
     double sum = 0;
-    for (const auto& [k, share] : band_bins_[m]) {
-      sum += share * std::norm(spectrum_[k]) * bin_weight_[k];
-    }
+    for (const auto& [k, share] : band_bins_[m]) sum += share * bin_power[k] * bin_weight_[k];
     (*bands)[m] = sum;
   }
 }
@@ -137,18 +136,36 @@ void NmrModel::Spread(const std::vector<double>& e, std::vector<double>* spread)
   for (int i = 0; i < bands; ++i) s[i] = std::pow(s[i], 1.0 / kSpreadExponent);
 }
 
-double NmrModel::BlockNmr(const double* reference, const double* error) {
-  BandEnergies(reference, &reference_bands_);
-  BandEnergies(error, &noise_bands_);
+double NmrModel::BlockNmr(const double* reference, const double* error,
+                          std::vector<double>* band_nmr) {
+  Spectrum(reference, &reference_spectrum_);
+  Spectrum(error, &error_spectrum_);
+  const int bins = block_size_ / 2 + 1;
+  bin_power_.resize(bins);
+  for (int k = 0; k < bins; ++k) bin_power_[k] = std::norm(reference_spectrum_[k]);
+  Group(bin_power_, &reference_bands_);
+  for (int k = 0; k < bins; ++k) {
+    if (noise_ == NoiseSpectrum::kComplexDifference) {
+      bin_power_[k] = std::norm(error_spectrum_[k]);
+    } else {
+      const double difference =
+          std::abs(reference_spectrum_[k] + error_spectrum_[k]) - std::abs(reference_spectrum_[k]);
+      bin_power_[k] = difference * difference;
+    }
+  }
+  Group(bin_power_, &noise_bands_);
   const size_t bands = center_hz_.size();
   for (size_t m = 0; m < bands; ++m) reference_bands_[m] += internal_noise_[m];
   Spread(reference_bands_, &spread_);
+  if (band_nmr) band_nmr->resize(bands);
   double sum = 0;
   for (size_t m = 0; m < bands; ++m) {
     const double excitation = spread_[m] / flat_spread_[m];
     forward_[m] = forward_decay_[m] * forward_[m] + (1 - forward_decay_[m]) * excitation;
     const double mask = mask_gain_[m] * std::max(forward_[m], excitation);
-    sum += noise_bands_[m] / mask;
+    const double ratio = noise_bands_[m] / mask;
+    if (band_nmr) (*band_nmr)[m] = ratio;
+    sum += ratio;
   }
   return sum / static_cast<double>(bands);
 }

@@ -68,9 +68,11 @@ std::vector<float> BandNoise(size_t samples, double low_hz, double high_hz, doub
   return noise;
 }
 
-QualityReport Measure(const Audio& reference, const Audio& decoded, std::optional<int> lag = 0) {
+QualityReport Measure(const Audio& reference, const Audio& decoded, std::optional<int> lag = 0,
+                      NmrModel::NoiseSpectrum noise = NmrModel::NoiseSpectrum::kComplexDifference) {
   QualityOptions options;
   options.lag = lag;
+  options.noise = noise;
   QualityReport report;
   std::string error;
   EXPECT_TRUE(MeasureQuality(reference, decoded, options, &report, &error)) << error;
@@ -105,6 +107,20 @@ TEST(QualityMeasureTest, FloorsCeilingsAndSnrScale) {
   EXPECT_NEAR(halved.snr_db, 6.0206, 1e-3);
   EXPECT_NEAR(halved.segmental_snr_db.value_or(0), 6.0206, 1e-3);
   EXPECT_NEAR(halved.min_loud_frame_snr_db.value_or(0), 6.0206, 1e-3);
+  // An error in phase with the reference is the same noise to PEAQ's magnitude difference;
+  // a polarity flip is no noise to it, but twice the signal (16x the halved error) as a waveform.
+  const QualityReport halved_magnitude =
+      Measure(music, half, 0, NmrModel::NoiseSpectrum::kMagnitudeDifference);
+  EXPECT_NEAR(halved_magnitude.nmr_total_db, halved.nmr_total_db, 1e-6);
+  Audio inverted = music;
+  for (auto& channel : inverted.channels) {
+    for (float& v : channel) v = -v;
+  }
+  EXPECT_EQ(Measure(music, inverted, 0, NmrModel::NoiseSpectrum::kMagnitudeDifference).nmr_total_db,
+            kFloorDb);
+  const QualityReport flipped = Measure(music, inverted);
+  EXPECT_NEAR(flipped.snr_db, -6.0206, 1e-3);
+  EXPECT_NEAR(flipped.nmr_total_db - halved.nmr_total_db, 20 * std::log10(4.0), 1e-6);
 
   // Digital silence against itself, and against itself shorter than one block.
   for (size_t length : {size_t{48000}, size_t{300}}) {

@@ -110,8 +110,8 @@ void NmrModel::Spread(const std::vector<double>& e, std::vector<double>* spread)
   std::vector<double> a_upper(bands);
   std::vector<double> normalised_e(bands);
   for (int m = 0; m < bands; ++m) {
-    // 24 + 230 Hz / fc - 0.2 L dB/Bark, L the band's level; kept below 1 (a slope
-    // above 0 dB/Bark) for levels the model was never meant for.
+    // 24 + 230 Hz / fc - 0.2 L dB/Bark, L the band's level; kept below 1 (still falling
+    // off) for levels far above what the model was made for.
     const double a = std::pow(10.0, (-2.4 - 23.0 / center_hz_[m]) * dz) *
                      std::pow(std::max(e[m], 1e-30), 0.2 * dz);
     a_upper[m] = std::min(a, 0.999);

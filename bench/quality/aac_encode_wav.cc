@@ -2,7 +2,7 @@
 // AudioEncoder interface, as the recorder feeds it, and reports what the quality runs
 // need to line the decoded audio up and to cost it.
 //
-//   aac_encode_wav --coder twoloop|fast|checked [--bitrate N] IN.wav OUT.aac
+//   aac_encode_wav --coder tarnel|twoloop|fast [--bitrate N] IN.wav OUT.aac
 //
 // The input (1 or 2 channels, a rate the encoder takes; read as s16) goes in as
 // 1024-sample pieces, the last one padded with zeros, followed by enough silent pieces
@@ -24,38 +24,16 @@
 #include "sdk/base/logging.h"
 #include "sdk/media/audio_encoder.h"
 #include "sdk/media/audio_frame.h"
-#include "sdk/media/ffmpeg/ffmpeg_aac_encoder.h"
 
 namespace {
 
 using tarnel::audio::AudioEncodeParams;
 using tarnel::audio::AudioEncoder;
 using tarnel::audio::AudioFrame;
-using tarnel::audio::FfmpegAacEncoder;
+using tarnel::audio::AacEncoderKind;
 using tarnel::audio::kAacSamplesPerFrame;
 
 constexpr int kStereoBitrate = 196608;  // The recorder's stereo rate.
-
-// The encoders this tool can run; a new one is one more row.
-struct CoderEntry {
-  const char* name;
-  std::unique_ptr<AudioEncoder> (*make)();
-};
-
-const CoderEntry kCoders[] = {
-    {"twoloop",
-     []() -> std::unique_ptr<AudioEncoder> {
-       return std::make_unique<FfmpegAacEncoder>(FfmpegAacEncoder::Coder::kTwoLoop);
-     }},
-    {"fast",
-     []() -> std::unique_ptr<AudioEncoder> {
-       return std::make_unique<FfmpegAacEncoder>(FfmpegAacEncoder::Coder::kFast);
-     }},
-    {"checked",
-     []() -> std::unique_ptr<AudioEncoder> {
-       return std::make_unique<FfmpegAacEncoder>(FfmpegAacEncoder::Coder::kFastChecked);
-     }},
-};
 
 double ThreadCpuSeconds() {
   timespec ts;
@@ -64,29 +42,24 @@ double ThreadCpuSeconds() {
 }
 
 int Usage() {
-  std::string names;
-  for (const CoderEntry& entry : kCoders)
-    names += std::string(names.empty() ? "" : "|") + entry.name;
-  std::fprintf(stderr, "usage: aac_encode_wav --coder %s [--bitrate N] IN.wav OUT.aac\n",
-               names.c_str());
+  std::fprintf(stderr,
+               "usage: aac_encode_wav --coder tarnel|twoloop|fast [--bitrate N] IN.wav OUT.aac\n");
   return 2;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  const CoderEntry* coder = nullptr;
+  bool have_coder = false;
+  AacEncoderKind coder = AacEncoderKind::kBuiltIn;
   int bitrate = 0;
   std::string paths[2];
   int path_count = 0;
   for (int i = 1; i < argc; ++i) {
     const std::string arg = argv[i];
     if (arg == "--coder" && i + 1 < argc) {
-      const std::string name = argv[++i];
-      for (const CoderEntry& entry : kCoders) {
-        if (name == entry.name) coder = &entry;
-      }
-      if (!coder) return Usage();
+      have_coder = tarnel::audio::ParseAacEncoderKind(argv[++i], &coder);
+      if (!have_coder) return Usage();
     } else if (arg == "--bitrate" && i + 1 < argc) {
       bitrate = std::atoi(argv[++i]);
     } else if (!arg.empty() && arg[0] != '-' && path_count < 2) {
@@ -95,7 +68,7 @@ int main(int argc, char** argv) {
       return Usage();
     }
   }
-  if (!coder || path_count != 2) return Usage();
+  if (!have_coder || path_count != 2) return Usage();
   tarn_logging::SetMinSeverity(tarn_logging::LS_WARNING);
 
   tarnel_bench::quality::Audio audio;
@@ -114,7 +87,7 @@ int main(int argc, char** argv) {
   } else if (channels == 2) {
     params.bitrate = kStereoBitrate;
   }
-  std::unique_ptr<AudioEncoder> encoder = coder->make();
+  std::unique_ptr<AudioEncoder> encoder = tarnel::audio::CreateAacEncoder(coder);
   if (!encoder->Init(params)) {
     std::fprintf(stderr, "aac_encode_wav: Init failed (%d ch, %d Hz, %d b/s)\n", channels,
                  params.sample_rate, params.bitrate);
@@ -167,7 +140,7 @@ int main(int argc, char** argv) {
       "{\"coder\": \"%s\", \"channels\": %d, \"sample_rate\": %d, \"bitrate\": %d, "
       "\"priming_samples\": %d, \"input_samples\": %zu, \"pieces\": %zu, \"bytes\": %zu, "
       "\"encode_cpu_ms\": %.3f, \"encode_cpu_ms_per_audio_s\": %.3f}\n",
-      coder->name, channels, audio.sample_rate, params.bitrate, priming, audio.frames(), pieces,
+      tarnel::audio::AacEncoderKindName(coder), channels, audio.sample_rate, params.bitrate, priming, audio.frames(), pieces,
       bytes, cpu_s * 1000, audio_s > 0 ? cpu_s * 1000 / audio_s : 0.0);
   return 0;
 }

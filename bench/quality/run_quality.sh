@@ -2,7 +2,7 @@
 # Encodes every corpus item with each coder, decodes it with libavcodec and FAAD2 and
 # measures it against the original with nmr; writes OUT_DIR/quality.md and plots.
 #
-#   bash bench/quality/run_quality.sh CORPUS_DIR OUT_DIR [coders...]   (default: twoloop fast)
+#   bash bench/quality/run_quality.sh CORPUS_DIR OUT_DIR [coders...]   (default: tarnel twoloop fast)
 #
 # CORPUS_DIR is what make_corpus.sh wrote: stereo/*.wav run at STEREO_BITRATE (196608 b/s,
 # the recorder's), mono/*.wav at MONO_BITRATE (64000 b/s, the encoder's default, which
@@ -42,7 +42,7 @@ mkdir -p "$2"
 OUT="$(cd "$2" && pwd)"
 shift 2
 CODERS=("$@")
-[ ${#CODERS[@]} -gt 0 ] || CODERS=(twoloop fast)
+[ ${#CODERS[@]} -gt 0 ] || CODERS=(tarnel twoloop fast)
 BUILD_DIR="${BUILD_DIR:-$ROOT/build-bench}"
 STEREO_BITRATE="${STEREO_BITRATE:-196608}"
 MONO_BITRATE="${MONO_BITRATE:-64000}"

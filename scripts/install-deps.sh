@@ -14,6 +14,7 @@ packages=(
   faad gstreamer1.0-tools gstreamer1.0-plugins-base gstreamer1.0-plugins-base-apps
   gstreamer1.0-plugins-good
   gstreamer1.0-plugins-bad gstreamer1.0-libav chromium python3
+  libfaad-dev  # fuzz/aac_encoder_fuzzer.cc decodes with FAAD2's library too
 )
 
 missing=()

@@ -6,9 +6,13 @@
 // Each recorder writes a real MP4 (H.264 + stereo AAC, the FFmpeg container backend)
 // into a temp dir and is fed in real time with a looped pre-encoded 1280x720 30 fps
 // H.264 stream (made once with ffmpeg, or --h264 FILE) and 48 kHz stereo PCM in 10 ms
-// frames of a music-like signal. Feeding: by default one video and one audio thread per
-// recorder, each handing its frames over at their due times; --pacers K uses K pacing
-// threads instead, each serving every K-th recorder from a queue ordered by due time.
+// frames: by default 90 s of real music made by bench/real_audio.sh (pop, orchestral and
+// electronic tracks from Debian packages), --audio speech for its real speech,
+// --audio synthetic for the built-in music-like loop, or --wav FILE. The recorders start
+// at places spread evenly over the audio loop. Feeding: by default one video and one
+// audio thread per recorder, each handing its frames over at their due times; --pacers K
+// uses K pacing threads instead, each serving every K-th recorder from a queue ordered
+// by due time.
 //
 // A decorator around the real backend (installed with
 // ScopedWriterBackendFactoryForTesting) counts the frames the writer accepts and takes
@@ -83,6 +87,8 @@ constexpr int kHeight = 720;
 constexpr int64_t kBaseMs = 100000;
 constexpr int64_t kMaxP99Ms = 500;
 constexpr int64_t kMaxAudioShortMs = 100;
+// Length of the real recordings' loop: a third of it from each source.
+constexpr int kRealAudioSeconds = 90;
 
 struct Options {
   int recorders = 10;
@@ -95,7 +101,9 @@ struct Options {
   // (ours).
   std::string aac_coder;
   std::string h264;
-  std::string wav;  // 48 kHz stereo s16 WAV to loop instead of the built-in music.
+  // "music" or "speech" (made by bench/real_audio.sh), or "synthetic" (MakeMusicLoop).
+  std::string audio = "music";
+  std::string wav;  // 48 kHz stereo s16 WAV to loop; overrides `audio`.
   std::string out_dir;
   std::vector<int> sweep_list;
 };
@@ -416,6 +424,21 @@ bool MakeH264(const std::string& dir, std::string* path) {
   return std::system(command.c_str()) == 0;
 }
 
+// Writes `kind` ("music" or "speech") of real recordings into dir with
+// bench/real_audio.sh; *sources gets its provenance lines.
+bool MakeRealAudio(const std::string& kind, const std::string& dir, std::string* path,
+                   std::string* sources) {
+  *path = dir + "/" + kind + ".wav";
+  const std::string command = std::string("bash '") + TARNEL_REAL_AUDIO_SCRIPT + "' " + kind + " " +
+                              std::to_string(kRealAudioSeconds) + " '" + *path + "'";
+  if (std::system(command.c_str()) != 0) return false;
+  std::ifstream in(*path + ".sources");
+  std::stringstream text;
+  text << in.rdbuf();
+  *sources = text.str();
+  return true;
+}
+
 // The samples of a 48 kHz stereo 16-bit PCM WAV file.
 bool LoadWav(const std::string& path, std::vector<int16_t>* pcm) {
   std::vector<uint8_t> data;
@@ -456,7 +479,7 @@ bool LoadInput(const std::string& h264, const std::string& wav, Input* input) {
     return false;
   }
   // The loop wraps onto the first unit, a key frame with its parameter sets.
-  if (wav.empty()) {
+  if (wav.empty()) {  // --audio synthetic; main makes the real recordings into a WAV.
     input->pcm = MakeMusicLoop();
   } else if (!LoadWav(wav, &input->pcm)) {
     std::fprintf(stderr, "error: %s is not a 48 kHz stereo 16-bit PCM WAV\n", wav.c_str());
@@ -503,8 +526,9 @@ RunResult RunOnce(const Options& options, const Input& input, const std::string&
     }
   }
 
-  // Streams start spread over one video frame interval, and at different places of the
-  // loops, as independent calls would.
+  // Streams start spread over one video frame interval, and at places spread over the
+  // audio loop, as independent calls would.
+  const size_t audio_frames_in_loop = input.pcm.size() / (kSamplesPerAudioFrame * kChannels);
   const Clock::time_point start = Clock::now() + std::chrono::milliseconds(200);
   const Clock::time_point end = start + std::chrono::seconds(options.seconds);
   for (int i = 0; i < n; ++i) {
@@ -513,7 +537,7 @@ RunResult RunOnce(const Options& options, const Input& input, const std::string&
     feed.id = i;
     feed.t0 = start + std::chrono::microseconds((i * 33333LL / std::max(n, 1)) % 33333);
     feed.au_start = 0;  // The first frame handed over must be a key frame.
-    feed.pcm_start = static_cast<size_t>(i * 37);
+    feed.pcm_start = audio_frames_in_loop * static_cast<size_t>(i) / static_cast<size_t>(n);
     feed.lateness_us.reserve(static_cast<size_t>(options.seconds) * kFps + 16);
   }
 
@@ -658,6 +682,7 @@ bool RunChild(const Options& options, const std::string& self, const std::string
                         " --seconds " + std::to_string(options.seconds) + " --pacers " +
                         std::to_string(options.pacers) + " --h264 '" + h264 + "'" +
                         (options.aac_coder.empty() ? "" : " --aac-coder " + options.aac_coder) +
+                        " --audio " + options.audio +
                         (options.wav.empty() ? "" : " --wav '" + options.wav + "'");
   if (!options.out_dir.empty()) command += " --out-dir '" + options.out_dir + "'";
   FILE* pipe = popen(command.c_str(), "r");
@@ -674,18 +699,22 @@ bool RunChild(const Options& options, const std::string& self, const std::string
 void Usage() {
   std::printf(
       "Usage: concurrent_benchmark [--recorders N] [--seconds S] [--pacers K] [--h264 FILE]\n"
-      "                            [--wav FILE] [--out-dir DIR] [--keep] [--aac-coder C]\n"
+      "                            [--audio KIND] [--wav FILE] [--out-dir DIR] [--keep]\n"
+      "                            [--aac-coder C]\n"
       "                            [--sweep [N,N,...]]\n"
       "  --recorders N  recorders in this process                       (default 10)\n"
       "  --seconds S    real-time seconds fed to each                   (default 30)\n"
       "  --pacers K     K pacing threads instead of a video and an audio thread per\n"
       "                 recorder                                        (default 0: per recorder)\n"
       "  --h264 FILE    720p30 Annex-B H.264 to loop        (default: made with ffmpeg, 10 s)\n"
-      "  --wav FILE     48 kHz stereo s16 WAV to loop    (default: built-in music-like, 8 s)\n"
+      "  --audio KIND   music or speech: 90 s of real recordings made by\n"
+      "                 bench/real_audio.sh (Debian packages, installed when missing and\n"
+      "                 root); synthetic: the built-in music-like loop, 8 s (default: music)\n"
+      "  --wav FILE     48 kHz stereo s16 WAV to loop instead              (default: none)\n"
       "  --out-dir DIR  where the MP4s go (a temp dir under it)          (default /tmp)\n"
       "  --keep         keep the MP4s\n"
-      "  --aac-coder C  twoloop or fast: that libavcodec coder alone, put in through the\n"
-      "                 encoder factory        (default: the recorder's, fast with checks)\n"
+      "  --aac-coder C  tarnel (the recorder's own encoder), or twoloop or fast:\n"
+      "                 libavcodec's coder, put in through the encoder factory (default: tarnel)\n"
       "  --sweep        N = 10, 25, 50, 75, 100, 150, 200, ... until one fails, then halves\n"
       "                 the gap; or the given list. Reports the largest N sustained: no video\n"
       "                 frame lost, no recorder short of more than 100 ms of audio, p99\n"
@@ -713,6 +742,12 @@ int main(int argc, char** argv) {
       options.pacers = std::atoi(next().c_str());
     } else if (arg == "--h264") {
       options.h264 = next();
+    } else if (arg == "--audio") {
+      options.audio = next();
+      if (options.audio != "music" && options.audio != "speech" && options.audio != "synthetic") {
+        std::fprintf(stderr, "error: --audio is music, speech or synthetic\n");
+        return 1;
+      }
     } else if (arg == "--wav") {
       options.wav = next();
     } else if (arg == "--out-dir") {
@@ -754,12 +789,33 @@ int main(int argc, char** argv) {
 
   std::string temp_input;
   std::string h264 = options.h264;
-  if (h264.empty()) {
+  const bool real_audio = options.wav.empty() && options.audio != "synthetic";
+  if (h264.empty() || real_audio) {
     temp_input = MakeTempDir(options.out_dir, "tarnel-concurrent-input-");
-    if (temp_input.empty() || !MakeH264(temp_input, &h264)) {
-      std::fprintf(stderr, "error: cannot make the H.264 input with ffmpeg\n");
+    if (temp_input.empty()) {
+      std::fprintf(stderr, "error: cannot make a temp dir\n");
       return 1;
     }
+  }
+  if (h264.empty() && !MakeH264(temp_input, &h264)) {
+    std::fprintf(stderr, "error: cannot make the H.264 input with ffmpeg\n");
+    RemoveDir(temp_input);
+    return 1;
+  }
+  std::string audio_description = options.wav;
+  if (real_audio) {
+    // Made once here; a --sweep's children get it as --wav.
+    std::string sources;
+    if (!MakeRealAudio(options.audio, temp_input, &options.wav, &sources)) {
+      std::fprintf(stderr, "error: cannot make the real %s with bench/real_audio.sh\n",
+                   options.audio.c_str());
+      RemoveDir(temp_input);
+      return 1;
+    }
+    audio_description = "real " + options.audio + ", " + std::to_string(kRealAudioSeconds) +
+                        " s looped (bench/real_audio.sh):\n" + sources;
+  } else if (audio_description.empty()) {
+    audio_description = "built-in music-like loop";
   }
 
   int exit_code = 0;
@@ -770,12 +826,11 @@ int main(int argc, char** argv) {
     self[length] = '\0';
     std::printf(
         "Feeding: %s; %d s per N; 1280x720 30 fps H.264 + 48 kHz stereo PCM into MP4 "
-        "(AAC 196608 b/s, %s coder); audio: %s. %ld cores.\n\n",
+        "(AAC 196608 b/s, %s coder); %ld cores. Audio: %s\n\n",
         options.pacers > 0 ? (std::to_string(options.pacers) + " pacing threads").c_str()
                            : "one video and one audio thread per recorder",
-        options.seconds, options.aac_coder.empty() ? "checked fast" : options.aac_coder.c_str(),
-        options.wav.empty() ? "built-in music-like loop" : options.wav.c_str(),
-        sysconf(_SC_NPROCESSORS_ONLN));
+        options.seconds, options.aac_coder.empty() ? "own" : options.aac_coder.c_str(),
+        sysconf(_SC_NPROCESSORS_ONLN), audio_description.c_str());
     PrintHeader();
     int best = 0;
     std::vector<int> list = options.sweep_list;
@@ -828,8 +883,9 @@ int main(int argc, char** argv) {
       std::printf("%s\n", ResultLine(result).c_str());
     } else {
       std::printf(
-          "%zu access units in the loop; feeding: %s\n\n", input.units.size(),
-          options.pacers > 0 ? "pacing threads" : "one video and one audio thread per recorder");
+          "%zu access units in the loop; feeding: %s; audio: %s\n\n", input.units.size(),
+          options.pacers > 0 ? "pacing threads" : "one video and one audio thread per recorder",
+          audio_description.c_str());
       PrintHeader();
       PrintRow(result);
     }

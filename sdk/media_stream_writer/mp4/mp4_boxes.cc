@@ -528,8 +528,11 @@ Bytes BuildMoof(uint32_t sequence, const std::vector<FragmentRun>& runs, int64_t
   std::vector<uint32_t> run_starts;
   uint32_t data = 0;
   for (const FragmentRun& run : runs) {
+    // The compact form (one duration, no flags for audio) is for the index region,
+    // where every byte is reserved ahead.
+    const bool flags = run.video || !absolute;
     const bool same_duration =
-        !run.samples.empty() &&
+        absolute && !run.samples.empty() &&
         std::all_of(run.samples.begin(), run.samples.end(),
                     [&](const Sample& s) { return s.duration == run.samples.front().duration; });
     w.Open("traf");
@@ -542,9 +545,11 @@ Bytes BuildMoof(uint32_t sequence, const std::vector<FragmentRun>& runs, int64_t
     w.OpenFull("tfdt", 1, 0);
     w.U64(run.base_dts);
     w.Close();
-    // data offset, durations unless stated once, sizes, and for video flags and
-    // composition offsets.
-    w.OpenFull("trun", 0, 0x000201 | (same_duration ? 0 : 0x000100) | (run.video ? 0x000c00 : 0));
+    // data offset, durations unless stated once, sizes, flags unless compact, and
+    // composition offsets for video.
+    w.OpenFull("trun", 0,
+               0x000201 | (same_duration ? 0 : 0x000100) | (flags ? 0x000400 : 0) |
+                   (run.video ? 0x000800 : 0));
     w.U32(static_cast<uint32_t>(run.samples.size()));
     data_offset_fields.push_back(w.size());
     run_starts.push_back(data);
@@ -552,10 +557,8 @@ Bytes BuildMoof(uint32_t sequence, const std::vector<FragmentRun>& runs, int64_t
     for (const Sample& s : run.samples) {
       if (!same_duration) w.U32(s.duration);
       w.U32(s.size);
-      if (run.video) {
-        w.U32(s.key ? kKeySampleFlags : kNonKeySampleFlags);
-        w.U32(static_cast<uint32_t>(s.cts));
-      }
+      if (flags) w.U32(s.key ? kKeySampleFlags : kNonKeySampleFlags);
+      if (run.video) w.U32(static_cast<uint32_t>(s.cts));
       data += s.size;
     }
     w.Close();

@@ -102,8 +102,9 @@ struct FragmentRun {
 // The moof for `runs`, whose data lie run after run, each run's samples back to back:
 // with `data_offset` < 0 in one mdat right after the moof (the mdat header is not
 // included), else from that absolute file offset on, wherever the moof itself sits.
-// Audio runs carry no per-sample flags (every sample is a sync sample), and a run
-// whose samples all last as long states that duration once.
+// With an absolute `data_offset` (M4A's index region) the moof is compact: audio runs
+// carry no per-sample flags (every sample is a sync sample), and a run whose samples
+// all last as long states that duration once.
 Bytes BuildMoof(uint32_t sequence, const std::vector<FragmentRun>& runs, int64_t data_offset = -1);
 
 // The moov of the finished file, with complete sample tables and edit lists.

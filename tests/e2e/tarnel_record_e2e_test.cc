@@ -1,7 +1,10 @@
 // Real recordings through the real writer, encoder and resampler, driven by the
 // tarnel-record tool, checked with ffprobe and ffmpeg.
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
+#include <cstdlib>
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -60,6 +63,41 @@ class TarnelRecordTest : public ::testing::Test {
 };
 
 tarnel_test::ScopedTempDir TarnelRecordTest::inputs_;
+
+// The 16-bit samples of a WAV file's data chunk (FAAD2's output).
+std::vector<int16_t> WavSamples(const std::string& path) {
+  std::string bytes;
+  std::vector<int16_t> samples;
+  if (!tarn_base::ReadFileToString(tarn_base::FilePath(path), &bytes)) return samples;
+  const size_t data = bytes.find("data", 12);
+  if (data == std::string::npos || data + 8 > bytes.size()) return samples;
+  samples.resize((bytes.size() - data - 8) / 2);
+  std::memcpy(samples.data(), bytes.data() + data + 8, samples.size() * 2);
+  return samples;
+}
+
+// The file's first audio stream, decoded by FFmpeg to interleaved 16-bit samples.
+std::vector<int16_t> FfmpegSamples(const std::string& path) {
+  const CommandResult decoded =
+      RunCommand("ffmpeg -nostdin -v error -i " + Quote(path) + " -map 0:a:0 -f s16le -");
+  std::vector<int16_t> samples(decoded.output.size() / 2);
+  std::memcpy(samples.data(), decoded.output.data(), samples.size() * 2);
+  return samples;
+}
+
+// The largest difference between `a` from frame `lag` on and `b`, over `frames`
+// stereo frames (all of the overlap when 0).
+int MaxDifference(const std::vector<int16_t>& a, const std::vector<int16_t>& b, long lag,
+                  size_t frames) {
+  const size_t a0 = static_cast<size_t>(std::max(0L, lag)) * 2;
+  const size_t b0 = static_cast<size_t>(std::max(0L, -lag)) * 2;
+  if (a0 >= a.size() || b0 >= b.size()) return 1 << 16;
+  size_t n = std::min(a.size() - a0, b.size() - b0);
+  if (frames > 0) n = std::min(n, frames * 2);
+  int worst = 0;
+  for (size_t i = 0; i < n; ++i) worst = std::max(worst, std::abs(a[a0 + i] - b[b0 + i]));
+  return worst;
+}
 
 TEST_F(TarnelRecordTest, SampleIntoMp4IsCompleteAndInSync) {
   const std::string out = Output("out.mp4");
@@ -157,7 +195,10 @@ TEST_F(TarnelRecordTest, RepairFinishesAKilledRecording) {
   // Interrupted between its two writes: the moov is there, the header not yet.
   const size_t slot = 36;  // After our ftyp.
   std::string interrupted = finished;
-  interrupted.replace(slot, 16, std::string("\0\0\0\x10" "freeTARNELv1", 16));
+  interrupted.replace(slot, 16,
+                      std::string("\0\0\0\x10"
+                                  "freeTARNELv1",
+                                  16));
   ASSERT_TRUE(tarn_base::WriteFile(tarn_base::FilePath(killed), interrupted));
   EXPECT_EQ(DecodeErrors(killed), "");
   EXPECT_EQ(std::stoi(ProbeStreams(killed)[0].at("nb_read_frames")), kept_frames);
@@ -253,6 +294,60 @@ v.onloadedmetadata = () => {
   ASSERT_EQ(std::sscanf(dom.output.c_str() + at, "duration=%lf at=%lf", &duration, &position), 2);
   EXPECT_NEAR(duration, 10.0, 0.05);
   EXPECT_NEAR(position, duration / 2, 0.05);
+}
+
+// FAAD2's command-line decoder reads an MP4 by its first chunk offset and the sample
+// sizes alone, frame after frame, so it decodes an M4A only when the audio lies in one
+// run. A finished M4A and a killed one after --repair must decode in it without error
+// and give FFmpeg's samples: FAAD2 drops the first frame (the encoder delay) where
+// FFmpeg follows the edit list, so they agree at a lag found by search, to rounding.
+TEST_F(TarnelRecordTest, Faad2DecodesTheM4aAsFfmpegDoes) {
+  if (RunCommand("command -v faad").exit_code != 0) {
+    GTEST_SKIP() << "faad is not installed (scripts/install-deps.sh)";
+  }
+  const std::string wav = Output("tones.wav");
+  ASSERT_EQ(RunCommand("ffmpeg -nostdin -v error -f lavfi -i sine=frequency=440:duration=6 -f "
+                       "lavfi -i sine=frequency=1250:duration=6 -filter_complex amerge -ar 48000 " +
+                       Quote(wav))
+                .exit_code,
+            0);
+  const std::string finished = Output("finished.m4a");
+  const CommandResult run = Record("--stereo -i " + Quote(wav) + " -o " + Quote(finished));
+  ASSERT_EQ(run.exit_code, 0) << run.output;
+  const std::string killed = Output("killed.m4a");
+  ASSERT_NE(RunCommand("timeout -s KILL 3 " + kTool + " --realtime --stereo -i " + Quote(wav) +
+                       " -o " + Quote(killed))
+                .exit_code,
+            0);
+  EXPECT_EQ(DecodeErrors(killed), "") << "the killed file plays as it is";
+  const CommandResult repaired = RunCommand(kTool + " --repair " + Quote(killed), true);
+  ASSERT_EQ(repaired.exit_code, 0) << repaired.output;
+
+  for (const std::string& m4a : {finished, killed}) {
+    SCOPED_TRACE(m4a);
+    EXPECT_EQ(TopLevelBoxes(m4a), "ftyp free mdat moov");
+    const std::string out = m4a + ".faad.wav";
+    const CommandResult faad = RunCommand("faad -q -o " + Quote(out) + " " + Quote(m4a), true);
+    EXPECT_EQ(faad.output.find("Error"), std::string::npos) << faad.output;
+    EXPECT_EQ(faad.output.find("Warning"), std::string::npos) << faad.output;
+    EXPECT_EQ(faad.output.find("can't read frame"), std::string::npos) << faad.output;
+    const std::vector<int16_t> faad_samples = WavSamples(out);
+    const std::vector<int16_t> ffmpeg_samples = FfmpegSamples(m4a);
+    ASSERT_GT(ffmpeg_samples.size(), 2u * 48000);
+    // FAAD2 stops at the first frame it cannot read: all of the audio must be there.
+    EXPECT_NEAR(static_cast<double>(faad_samples.size()),
+                static_cast<double>(ffmpeg_samples.size()), 2 * 2048.0);
+    long lag = 0;
+    int best = 1 << 16;
+    for (long candidate = -2048; candidate <= 2048; ++candidate) {
+      const int difference = MaxDifference(faad_samples, ffmpeg_samples, candidate, 4800);
+      if (difference < best) {
+        best = difference;
+        lag = candidate;
+      }
+    }
+    EXPECT_LE(MaxDifference(faad_samples, ffmpeg_samples, lag, 0), 4) << "at lag " << lag;
+  }
 }
 
 TEST_F(TarnelRecordTest, EveryFormatWithTheStreamsItCarries) {

@@ -449,6 +449,22 @@ Bytes BuildMdatHeader(int64_t placeholder_offset, int64_t mdat_end) {
   return w.Take();
 }
 
+Bytes BuildOpenMdatHeader() {
+  BoxWriter w;
+  w.Open("free");
+  w.Close();
+  w.U32(0);
+  w.FourCc("mdat");
+  return w.Take();
+}
+
+Bytes BuildFreeHeader(uint32_t size) {
+  BoxWriter w;
+  w.U32(size);
+  w.FourCc("free");
+  return w.Take();
+}
+
 Bytes BuildPrerollBoxHeader(uint32_t track_id, int64_t present_from,
                             const std::vector<Sample>& samples, size_t data_size) {
   BoxWriter w;
@@ -501,33 +517,47 @@ Bytes BuildFragmentedMoov(const std::vector<const TrackIndex*>& tracks,
   return w.Take();
 }
 
-Bytes BuildMoof(uint32_t sequence, const std::vector<FragmentRun>& runs) {
+Bytes BuildMoof(uint32_t sequence, const std::vector<FragmentRun>& runs, int64_t data_offset) {
   BoxWriter w;
   w.Open("moof");
   w.OpenFull("mfhd", 0, 0);
   w.U32(sequence);
   w.Close();
+  const bool absolute = data_offset >= 0;
   std::vector<size_t> data_offset_fields;
   std::vector<uint32_t> run_starts;
   uint32_t data = 0;
   for (const FragmentRun& run : runs) {
+    // The compact form (one duration, no flags for audio) is for the index region,
+    // where every byte is reserved ahead.
+    const bool flags = run.video || !absolute;
+    const bool same_duration =
+        absolute && !run.samples.empty() &&
+        std::all_of(run.samples.begin(), run.samples.end(),
+                    [&](const Sample& s) { return s.duration == run.samples.front().duration; });
     w.Open("traf");
-    w.OpenFull("tfhd", 0, 0x020000);  // default-base-is-moof
+    // base-data-offset or default-base-is-moof, and default-sample-duration.
+    w.OpenFull("tfhd", 0, (absolute ? 0x000001 : 0x020000) | (same_duration ? 0x000008 : 0));
     w.U32(run.track_id);
+    if (absolute) w.U64(static_cast<uint64_t>(data_offset));
+    if (same_duration) w.U32(run.samples.front().duration);
     w.Close();
     w.OpenFull("tfdt", 1, 0);
     w.U64(run.base_dts);
     w.Close();
-    // data offset, duration, size, flags, and composition offsets for video.
-    w.OpenFull("trun", 0, run.video ? 0x000f01 : 0x000701);
+    // data offset, durations unless stated once, sizes, flags unless compact, and
+    // composition offsets for video.
+    w.OpenFull("trun", 0,
+               0x000201 | (same_duration ? 0 : 0x000100) | (flags ? 0x000400 : 0) |
+                   (run.video ? 0x000800 : 0));
     w.U32(static_cast<uint32_t>(run.samples.size()));
     data_offset_fields.push_back(w.size());
     run_starts.push_back(data);
     w.U32(0);
     for (const Sample& s : run.samples) {
-      w.U32(s.duration);
+      if (!same_duration) w.U32(s.duration);
       w.U32(s.size);
-      w.U32(s.key ? kKeySampleFlags : kNonKeySampleFlags);
+      if (flags) w.U32(s.key ? kKeySampleFlags : kNonKeySampleFlags);
       if (run.video) w.U32(static_cast<uint32_t>(s.cts));
       data += s.size;
     }
@@ -535,7 +565,8 @@ Bytes BuildMoof(uint32_t sequence, const std::vector<FragmentRun>& runs) {
     w.Close();
   }
   w.Close();
-  const uint32_t payload_start = static_cast<uint32_t>(w.size()) + 8;  // After the mdat header.
+  // Relative to the moof, the data start after the mdat header that follows it.
+  const uint32_t payload_start = absolute ? 0 : static_cast<uint32_t>(w.size()) + 8;
   for (size_t i = 0; i < data_offset_fields.size(); ++i) {
     w.PatchU32(data_offset_fields[i], payload_start + run_starts[i]);
   }

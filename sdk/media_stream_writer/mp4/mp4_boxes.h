@@ -99,9 +99,13 @@ struct FragmentRun {
   std::vector<Sample> samples;
   bool video = false;
 };
-// The moof for `runs`, whose data follows it in one mdat, run after run, each run's
-// samples back to back. The mdat header is not included.
-Bytes BuildMoof(uint32_t sequence, const std::vector<FragmentRun>& runs);
+// The moof for `runs`, whose data lie run after run, each run's samples back to back:
+// with `data_offset` < 0 in one mdat right after the moof (the mdat header is not
+// included), else from that absolute file offset on, wherever the moof itself sits.
+// With an absolute `data_offset` (M4A's index region) the moof is compact: audio runs
+// carry no per-sample flags (every sample is a sync sample), and a run whose samples
+// all last as long states that duration once.
+Bytes BuildMoof(uint32_t sequence, const std::vector<FragmentRun>& runs, int64_t data_offset = -1);
 
 // The moov of the finished file, with complete sample tables and edit lists.
 Bytes BuildFinalMoov(const std::vector<const TrackIndex*>& tracks, uint32_t movie_timescale);
@@ -110,6 +114,15 @@ Bytes BuildFinalMoov(const std::vector<const TrackIndex*>& tracks, uint32_t movi
 // `mdat_end`: an 8-byte free box and a 32-bit mdat header, or a 64-bit mdat header
 // when the size needs it. `placeholder_offset` is where the 16 bytes start.
 Bytes BuildMdatHeader(int64_t placeholder_offset, int64_t mdat_end);
+
+// The 16 bytes that open the audio run of an audio-only file while it records: an
+// 8-byte free box and an mdat header of size 0 (to the end of the file). They have the
+// size of an mdat header from BuildMdatHeader, which replaces them when the run is
+// closed.
+Bytes BuildOpenMdatHeader();
+
+// The header of a free box of `size` bytes in all (at least 8).
+Bytes BuildFreeHeader(uint32_t size);
 
 // The 16 bytes reserved after the ftyp while recording: a free box whose payload marks
 // the file as ours, so a repair can tell it from files it cannot vouch for.

@@ -282,6 +282,23 @@ bool Mp4Muxer::WriteInit() {
   }
   const Bytes moov = mp4::BuildFragmentedMoov(indexes, shifts, MovieTimescale());
   bool ok = Append(moov.data(), moov.size());
+  if (m4a_) {
+    // The region starts 4-aligned, and every moof is a multiple of 4 long, so no
+    // 8-byte box header written into it spans two pages (one write each).
+    const int64_t pad = (4 - file_->size() % 4) % 4;
+    if (pad > 0) {
+      Bytes padding = mp4::BuildFreeHeader(static_cast<uint32_t>(8 + pad));
+      padding.resize(padding.size() + static_cast<size_t>(pad), 0);
+      ok = Append(padding.data(), padding.size()) && ok;
+    }
+    region_next_ = file_->size();
+    region_end_ = region_next_ + kIndexRegionBytes;
+    Bytes region = mp4::BuildFreeHeader(static_cast<uint32_t>(kIndexRegionBytes));
+    region.resize(kIndexRegionBytes, 0);
+    run_header_offset_ = file_->size() + kIndexRegionBytes;
+    const Bytes run_header = mp4::BuildOpenMdatHeader();
+    ok = Append(region.data(), region.size()) && Append(run_header.data(), run_header.size()) && ok;
+  }
   for (const auto& track : tracks_) {
     if (track->preroll.empty()) continue;
     int64_t dts = track->first_dts;
@@ -322,13 +339,20 @@ bool Mp4Muxer::CutFragment() {
   }
   fragment_start_us_ = -1;
   if (runs.empty()) return ok;
-  const Bytes moof = mp4::BuildMoof(++sequence_, runs);
-  int64_t offset = file_->size() + static_cast<int64_t>(moof.size()) + 8;
-  mp4::BoxWriter mdat;
-  mdat.U32(static_cast<uint32_t>(8 + payload));
-  mdat.FourCc("mdat");
-  const Bytes mdat_header = mdat.Take();
-  ok = Append(moof.data(), moof.size()) && Append(mdat_header.data(), mdat_header.size()) && ok;
+  int64_t offset = file_->size();
+  if (region_next_ >= 0) {
+    // The data extend the audio run; the moof follows them into the region.
+    unplaced_moofs_.push_back(mp4::BuildMoof(++sequence_, runs, offset));
+  } else {
+    ok = PlaceMoofs() && ok;
+    const Bytes moof = mp4::BuildMoof(++sequence_, runs);
+    offset = file_->size() + static_cast<int64_t>(moof.size()) + 8;
+    mp4::BoxWriter mdat;
+    mdat.U32(static_cast<uint32_t>(8 + payload));
+    mdat.FourCc("mdat");
+    const Bytes mdat_header = mdat.Take();
+    ok = Append(moof.data(), moof.size()) && Append(mdat_header.data(), mdat_header.size()) && ok;
+  }
   for (const auto& track : tracks_) {
     if (track->fragment.empty()) continue;
     for (mp4::Sample& sample : track->fragment) {
@@ -340,7 +364,45 @@ bool Mp4Muxer::CutFragment() {
     track->fragment.clear();
     track->fragment_data.clear();
   }
+  if (!file_->has_backlog()) ok = PlaceMoofs() && ok;
   return FlushToDisk() && ok;
+}
+
+bool Mp4Muxer::Rewrite(int64_t offset, const uint8_t* data, size_t size) {
+  return file_->Seek(offset, SEEK_SET) == offset && Append(data, size) &&
+         file_->Seek(0, SEEK_END) == file_->size();
+}
+
+bool Mp4Muxer::PlaceMoofs() {
+  if (unplaced_moofs_.empty()) return true;
+  if (file_->has_backlog() || file_->broken()) return false;
+  bool ok = true;
+  for (const Bytes& moof : unplaced_moofs_) {
+    const int64_t size = static_cast<int64_t>(moof.size());
+    const int64_t room = region_next_ >= 0 ? region_end_ - region_next_ : 0;
+    if (size == room || size + 8 <= room) {
+      // The free box after the moof first, then the moof's body, then its header:
+      // until that last write the old free box covers them all.
+      if (size < room) {
+        const Bytes rest = mp4::BuildFreeHeader(static_cast<uint32_t>(room - size));
+        ok = Rewrite(region_next_ + size, rest.data(), rest.size()) && ok;
+      }
+      ok = Rewrite(region_next_ + 8, moof.data() + 8, moof.size() - 8) &&
+           Rewrite(region_next_, moof.data(), 8) && ok;
+      region_next_ += size;
+      continue;
+    }
+    if (region_next_ >= 0) {
+      TARN_LOG(tarn_logging::LS_INFO, kLogConfig, this)
+          << "index region of " << path() << " is full; fragments follow the audio from here";
+      const Bytes header = mp4::BuildMdatHeader(run_header_offset_, file_->size());
+      ok = Rewrite(run_header_offset_, header.data(), header.size()) && ok;
+      region_next_ = -1;
+    }
+    ok = Append(moof.data(), moof.size()) && ok;
+  }
+  unplaced_moofs_.clear();
+  return ok;
 }
 
 int64_t Mp4Muxer::Finish() {
@@ -353,7 +415,7 @@ int64_t Mp4Muxer::Finish() {
     if (track->has_held) AcceptHeld(track.get(), false, 0);
   }
   CutFragment();
-  bool ok = file_->Drain() && !file_->broken() && init_written_;
+  bool ok = file_->Drain() && PlaceMoofs() && !file_->broken() && init_written_;
   if (ok) {
     // The moov goes after the last fragment and reaches the disk before the header
     // that makes it the file's index: a crash in between leaves the fragmented file.

@@ -24,6 +24,19 @@
 // fragmented readers never see it, and the finished file's edit list hides it. H.265
 // is tagged hvc1: parameter sets equal to those in hvcC are taken out of the samples.
 //
+// M4A keeps its audio in one contiguous run, because some readers (FAAD2's) take the
+// first chunk offset and read every frame back to back from there. The moofs go into
+// a region reserved before the run and point at their data by absolute offset:
+//
+//   ftyp | free(16) | moov(mvex) | region: moof moof ... free | free(8) mdat(size 0):
+//        pre-roll box, sample, sample, ...
+//
+// A fragment's data are appended first and its moof written into the region after,
+// its header last, so the region always reads as moofs and one free box. A region
+// holds kIndexRegionBytes, about half an hour of fragments; when it is full the mdat
+// gets its size and the recording goes on as moof mdat pairs (such a file plays
+// everywhere, but FAAD2 stops at the first moof after the run).
+//
 // Single-threaded, like the writer that owns it.
 #ifndef SDK_MEDIA_STREAM_WRITER_MP4_MP4_MUXER_H_
 #define SDK_MEDIA_STREAM_WRITER_MP4_MP4_MUXER_H_
@@ -42,6 +55,7 @@ namespace media_stream_writer {
 class Mp4Muxer : public ContainerMuxer {
  public:
   static constexpr int64_t kFragmentMs = 250;
+  static constexpr int64_t kIndexRegionBytes = 1024 * 1024;
 
   // Creates the file at `path`; `m4a` writes the audio-only brand. Null (logged) when
   // the file cannot be created.
@@ -72,6 +86,11 @@ class Mp4Muxer : public ContainerMuxer {
   // Writes the fragment (and before the first one the moov and the pre-roll).
   bool CutFragment();
   bool WriteInit();
+  // M4A: writes the moofs whose data are on disk into the index region, or, once it is
+  // full, closes the audio run and appends them.
+  bool PlaceMoofs();
+  // Writes `data` at `offset` inside the file and returns to its end.
+  bool Rewrite(int64_t offset, const uint8_t* data, size_t size);
   bool Append(const uint8_t* data, size_t size);
   bool FlushToDisk();
   uint32_t MovieTimescale() const;
@@ -85,6 +104,12 @@ class Mp4Muxer : public ContainerMuxer {
   bool finished_ = false;
   uint32_t sequence_ = 0;
   int64_t fragment_start_us_ = -1;  // Of the current fragment's first sample.
+  // M4A's index region [region_next_, region_end_) still free, and the header of its
+  // audio run; -1 once the region is full and fragments follow the run.
+  int64_t region_next_ = -1;
+  int64_t region_end_ = -1;
+  int64_t run_header_offset_ = -1;
+  std::vector<Bytes> unplaced_moofs_;  // Built, waiting for their data to reach the disk.
 };
 
 }  // namespace media_stream_writer

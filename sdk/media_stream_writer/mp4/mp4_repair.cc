@@ -104,8 +104,9 @@ const Box* Find(const std::vector<Box>& boxes, const char* type) {
 // What the repair learns about a track from the fragmented moov.
 struct RepairTrack {
   TrackIndex index;
-  int64_t shift = 0;         // Fragmented timeline minus segment timeline.
-  size_t preroll_count = 0;  // Samples from a pre-roll box, first in `index.samples`.
+  int64_t shift = 0;            // Fragmented timeline minus segment timeline.
+  std::vector<Sample> preroll;  // From a pre-roll box; they go before the fragments'.
+  bool has_preroll = false;
 };
 
 bool ParseTrak(const Bytes& data, const Box& trak, RepairTrack* track) {
@@ -180,8 +181,25 @@ bool ParseMoof(const Bytes& data, int64_t moof_offset, int64_t data_end,
         tfdt->end - tfdt->payload < 8) {
       return false;
     }
+    // As we write them: data relative to the moof or at an absolute offset, and
+    // perhaps one duration for all samples.
     const uint32_t tfhd_flags = U32(&data[tfhd->payload]) & 0xffffff;
-    if (tfhd_flags != 0x020000) return false;  // Only default-base-is-moof, as we write.
+    if ((tfhd_flags & ~uint32_t{0x000008}) != 0x020000 &&
+        (tfhd_flags & ~uint32_t{0x000008}) != 0x000001) {
+      return false;
+    }
+    size_t field = tfhd->payload + 8;
+    int64_t base = moof_offset;
+    if (tfhd_flags & 0x000001) {
+      if (field + 8 > tfhd->end) return false;
+      base = static_cast<int64_t>(U64(&data[field]));
+      field += 8;
+    }
+    uint32_t default_duration = 0;
+    if (tfhd_flags & 0x000008) {
+      if (field + 4 > tfhd->end) return false;
+      default_duration = U32(&data[field]);
+    }
     RepairTrack* track = TrackById(tracks, U32(&data[tfhd->payload + 4]));
     if (track == nullptr) return false;
     std::vector<Sample>& out = (*samples)[static_cast<size_t>(track - tracks->data())];
@@ -194,19 +212,24 @@ bool ParseMoof(const Bytes& data, int64_t moof_offset, int64_t data_end,
       if (std::memcmp(trun.type, "trun", 4) != 0) continue;
       if (trun.end - trun.payload < 8) return false;
       const uint32_t flags = U32(&data[trun.payload]) & 0xffffff;
-      if ((flags & 0x000301) != 0x000301 || (flags & 0x4) != 0) return false;
+      if ((flags & 0x000201) != 0x000201 || (flags & 0x4) != 0) return false;
       const uint32_t count = U32(&data[trun.payload + 4]);
       size_t pos = trun.payload + 8;
       const int64_t data_offset = static_cast<int32_t>(U32(&data[pos]));
       pos += 4;
-      const size_t entry = 4 * (2 + ((flags & 0x400) != 0) + ((flags & 0x800) != 0));
+      const size_t entry =
+          4 * (1 + ((flags & 0x100) != 0) + ((flags & 0x400) != 0) + ((flags & 0x800) != 0));
       if (count > (trun.end - pos) / entry) return false;
-      int64_t offset = moof_offset + data_offset;
+      int64_t offset = base + data_offset;
       for (uint32_t i = 0; i < count; ++i) {
         Sample sample;
-        sample.duration = U32(&data[pos]);
-        sample.size = U32(&data[pos + 4]);
-        pos += 8;
+        sample.duration = default_duration;
+        if (flags & 0x100) {
+          sample.duration = U32(&data[pos]);
+          pos += 4;
+        }
+        sample.size = U32(&data[pos]);
+        pos += 4;
         if (flags & 0x400) {
           sample.key = (U32(&data[pos]) & 0x00010000) == 0;
           pos += 4;
@@ -225,6 +248,40 @@ bool ParseMoof(const Bytes& data, int64_t moof_offset, int64_t data_end,
     }
   }
   return true;
+}
+
+enum class PrerollBox { kNone, kRead, kBroken };
+
+// The pre-roll box at `pos` (a free box marked TRPR, its samples after the header), if
+// there is one within [pos, limit): its samples go to their track.
+PrerollBox ReadPrerollBox(File* file, int64_t pos, int64_t limit,
+                          std::vector<RepairTrack>* tracks) {
+  Bytes box;
+  if (limit - pos < 28 ||
+      !file->Read(pos, static_cast<size_t>(std::min<int64_t>(limit - pos, 1 << 20)), &box) ||
+      std::memcmp(&box[4], "free", 4) != 0 || std::memcmp(&box[8], "TRPR", 4) != 0) {
+    return PrerollBox::kNone;
+  }
+  const int64_t size = U32(box.data());
+  RepairTrack* track = TrackById(tracks, U32(&box[12]));
+  const uint32_t count = U32(&box[24]);
+  if (track == nullptr || track->has_preroll || size > limit - pos ||
+      28 + 8 * size_t{count} > box.size()) {
+    return PrerollBox::kBroken;
+  }
+  int64_t offset = pos + 28 + 8 * int64_t{count};
+  for (uint32_t i = 0; i < count; ++i) {
+    Sample sample;
+    sample.size = U32(&box[28 + 8 * i]);
+    sample.duration = U32(&box[32 + 8 * i]);
+    sample.offset = offset;
+    offset += sample.size;
+    track->preroll.push_back(sample);
+  }
+  if (offset > pos + size) return PrerollBox::kBroken;
+  track->index.present_from = static_cast<int64_t>(U64(&box[16]));
+  track->has_preroll = true;
+  return PrerollBox::kRead;
 }
 
 }  // namespace
@@ -309,64 +366,54 @@ RepairResult RepairMp4File(const std::string& path, std::string* message) {
     return RepairResult::kRefused;
   }
 
-  // Pre-roll boxes and fragments, up to the last complete one.
+  // Pre-roll boxes and fragments, up to the last complete one. M4A's fragments point
+  // into one audio run after its index region, whose mdat is open (size 0) until the
+  // file is finished; the run may start with the pre-roll box.
   int64_t end = moov_offset + static_cast<int64_t>(moov.size());
   int fragments = 0;
   for (int64_t pos = end; pos + 8 <= file_size;) {
     Bytes header;
     if (!file.Read(pos, 8, &header)) break;
-    const int64_t size = U32(header.data());
+    int64_t size = U32(header.data());
+    const bool mdat = std::memcmp(&header[4], "mdat", 4) == 0;
+    if (size == 0 && mdat) size = file_size - pos;
     if (size < 8 || pos + size > file_size) break;
-    if (std::memcmp(&header[4], "free", 4) == 0) {
-      Bytes box;
-      if (size < 28 ||
-          !file.Read(pos, static_cast<size_t>(std::min<int64_t>(size, 1 << 20)), &box) ||
-          std::memcmp(&box[8], "TRPR", 4) != 0) {
-        pos += size;
-        end = pos;
-        continue;
-      }
-      RepairTrack* track = TrackById(&tracks, U32(&box[12]));
-      const uint32_t count = U32(&box[24]);
-      if (track == nullptr || !track->index.samples.empty() ||
-          28 + 8 * size_t{count} > box.size()) {
-        break;
-      }
-      int64_t offset = pos + 28 + 8 * int64_t{count};
-      for (uint32_t i = 0; i < count; ++i) {
-        Sample sample;
-        sample.size = U32(&box[28 + 8 * i]);
-        sample.duration = U32(&box[32 + 8 * i]);
-        sample.offset = offset;
-        offset += sample.size;
-        track->index.samples.push_back(sample);
-      }
-      if (offset > pos + size) break;
-      track->index.present_from = static_cast<int64_t>(U64(&box[16]));
-      track->preroll_count = count;
+    if (mdat) {
+      const PrerollBox preroll = ReadPrerollBox(&file, pos + 8, pos + size, &tracks);
+      if (preroll == PrerollBox::kBroken) break;
       pos += size;
-      end = pos;
+      continue;
+    }
+    if (std::memcmp(&header[4], "free", 4) == 0) {
+      const PrerollBox preroll = ReadPrerollBox(&file, pos, pos + size, &tracks);
+      if (preroll == PrerollBox::kBroken) break;
+      pos += size;
+      if (preroll == PrerollBox::kRead) end = std::max(end, pos);
       continue;
     }
     if (std::memcmp(&header[4], "moof", 4) != 0) break;  // The finished moov, or a torn box.
     Bytes moof;
+    if (!file.Read(pos, static_cast<size_t>(size), &moof)) break;
+    // Its own mdat right after it, or (M4A) data in the audio run.
+    int64_t data_end = file_size;
+    int64_t next = pos + size;
     Bytes mdat_header;
-    const int64_t mdat_offset = pos + size;
-    if (!file.Read(pos, static_cast<size_t>(size), &moof) || mdat_offset + 8 > file_size ||
-        !file.Read(mdat_offset, 8, &mdat_header) || std::memcmp(&mdat_header[4], "mdat", 4) != 0) {
-      break;
+    if (next + 8 <= file_size && file.Read(next, 8, &mdat_header) &&
+        std::memcmp(&mdat_header[4], "mdat", 4) == 0 && U32(mdat_header.data()) >= 8) {
+      data_end = next + U32(mdat_header.data());
+      if (data_end > file_size) break;
+      next = data_end;
     }
-    const int64_t mdat_end = mdat_offset + U32(mdat_header.data());
-    if (mdat_end > file_size) break;
     std::vector<std::vector<Sample>> samples;
-    if (!ParseMoof(moof, pos, mdat_end, &tracks, &samples)) break;
+    if (!ParseMoof(moof, pos, data_end, &tracks, &samples)) break;
     for (size_t t = 0; t < tracks.size(); ++t) {
-      tracks[t].index.samples.insert(tracks[t].index.samples.end(), samples[t].begin(),
-                                     samples[t].end());
+      std::vector<Sample>& all = tracks[t].index.samples;
+      all.insert(all.end(), samples[t].begin(), samples[t].end());
+      if (!samples[t].empty()) end = std::max(end, all.back().offset + all.back().size);
     }
     ++fragments;
-    pos = mdat_end;
-    end = pos;
+    pos = next;
+    end = std::max(end, pos);
   }
   if (fragments == 0) {
     *message = path + " holds no complete fragment; there is nothing to keep";
@@ -378,16 +425,15 @@ RepairResult RepairMp4File(const std::string& path, std::string* message) {
   std::vector<const TrackIndex*> indexes;
   for (RepairTrack& track : tracks) {
     std::vector<Sample>& samples = track.index.samples;
-    if (samples.size() <= track.preroll_count) continue;  // No fragment of this track.
+    if (samples.empty()) continue;  // No fragment of this track.
     // The pre-roll carries no times: it ends where the first fragment sample starts.
-    int64_t dts = samples[track.preroll_count].dts;
-    for (size_t i = track.preroll_count; i-- > 0;) {
-      dts -= samples[i].duration;
-      samples[i].dts = dts;
+    int64_t dts = samples.front().dts;
+    for (size_t i = track.preroll.size(); i-- > 0;) {
+      dts -= track.preroll[i].duration;
+      track.preroll[i].dts = dts;
     }
-    if (track.preroll_count == 0) {
-      track.index.present_from = samples.front().dts + samples.front().cts;
-    }
+    if (!track.has_preroll) track.index.present_from = samples.front().dts + samples.front().cts;
+    samples.insert(samples.begin(), track.preroll.begin(), track.preroll.end());
     indexes.push_back(&track.index);
   }
   const Bytes final_moov = mp4::BuildFinalMoov(indexes, movie_timescale);

@@ -68,7 +68,7 @@ constexpr int kRecorderMonoBitrate = 64000;
 // on full-scale streams they differ by a few hundredths of a 16-bit step. Temporal noise
 // shaping runs an all-pole filter over the spectrum, whose coefficients each decoder
 // derives its own way: with it, loud frames differ by up to ~2e-5 of their peak (0.56
-// seen at a peak of 32885). A coding error shows as differences of hundreds.
+// in a stream peaking at 32885). A coding error shows as differences of hundreds.
 constexpr float kDecoderTolerance = 0.5f;
 constexpr float kDecoderRelativeTolerance = 1e-4f;  // Of the frame's peak.
 // A decoded sample this far past full scale means the encoder coded something grossly

@@ -789,7 +789,8 @@ int AacEncoder::Search(int target, int most) {
     if (best_element == kNoFit) return kNoFit;
   }
   for (int ch = 0; ch < channels_; ++ch) s.data[ch] = s.best[ch];
-  previous_offset_ = best_offset;
+  // A frame coarsened past the range (the fallback) must not drag the next one there.
+  previous_offset_ = std::clamp(best_offset, -kOffsetRange, kOffsetRange);
   return best_element;
 }
 

@@ -47,20 +47,7 @@ case $KIND in
   *) usage ;;
 esac
 
-missing=()
-for p in "${PACKAGES[@]}" ffmpeg; do
-  dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
-done
-if [ ${#missing[@]} -gt 0 ]; then
-  if [ "$(id -u)" -ne 0 ]; then
-    echo "error: missing packages; as root run:" >&2
-    echo "  apt-get update && apt-get install -y --no-install-recommends ${missing[*]}" >&2
-    exit 1
-  fi
-  echo "== installing ${missing[*]}" >&2
-  export DEBIAN_FRONTEND=noninteractive
-  apt-get update -qq && apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
-fi
+bash "$(dirname "${BASH_SOURCE[0]}")/../scripts/install-deps.sh" "${PACKAGES[@]}" ffmpeg >&2
 
 TMP=$(mktemp -d "${TMPDIR:-/tmp}/tarnel-real-audio-XXXXXX")
 trap 'rm -rf "$TMP"' EXIT

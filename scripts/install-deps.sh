@@ -1,9 +1,10 @@
 #!/usr/bin/env bash
-# Installs the Debian packages the project builds and tests with. As root it runs
-# apt-get itself; otherwise it prints the command to run and fails.
+# Installs the Debian packages the project builds and tests with, or the packages named
+# on the command line (the benchmark scripts name theirs). As root it runs apt-get
+# itself; otherwise it prints the command to run and fails.
 set -euo pipefail
 
-packages=(
+default_packages=(
   build-essential cmake pkg-config
   libgtest-dev libgmock-dev libbenchmark-dev
   libavformat-dev libavcodec-dev libavutil-dev libswresample-dev
@@ -16,6 +17,7 @@ packages=(
   gstreamer1.0-plugins-bad gstreamer1.0-libav chromium python3
   libfaad-dev  # fuzz/aac_encoder_fuzzer.cc decodes with FAAD2's library too
 )
+if [ $# -gt 0 ]; then packages=("$@"); else packages=("${default_packages[@]}"); fi
 
 missing=()
 for p in "${packages[@]}"; do

@@ -44,22 +44,9 @@ if [ $# -ne 1 ]; then
 fi
 OUT="$1"
 
-packages=(ffmpeg espeak-ng alsa-utils frozen-bubble-data wesnoth-1.16-music singularity-music
-          sonic-pi-samples asterisk-core-sounds-en-g722)
-missing=()
-for p in "${packages[@]}"; do
-  dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
-done
-if [ ${#missing[@]} -gt 0 ]; then
-  if [ "$(id -u)" -ne 0 ]; then
-    echo "Missing packages. Run as root:" >&2
-    echo "  apt-get update && apt-get install -y ${missing[*]}" >&2
-    exit 1
-  fi
-  export DEBIAN_FRONTEND=noninteractive
-  apt-get update -qq
-  apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
-fi
+bash "$(dirname "${BASH_SOURCE[0]}")/../../scripts/install-deps.sh" ffmpeg espeak-ng alsa-utils \
+  frozen-bubble-data wesnoth-1.16-music singularity-music sonic-pi-samples \
+  asterisk-core-sounds-en-g722
 
 mkdir -p "$OUT/stereo" "$OUT/mono"
 FF=(ffmpeg -nostdin -v error -y)

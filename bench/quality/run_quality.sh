@@ -48,21 +48,7 @@ STEREO_BITRATE="${STEREO_BITRATE:-196608}"
 MONO_BITRATE="${MONO_BITRATE:-64000}"
 PLOT_ITEMS="${PLOT_ITEMS:-music_orchestral castanets}"
 
-packages=(ffmpeg faad gnuplot-nox python3 cmake)
-missing=()
-for p in "${packages[@]}"; do
-  dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
-done
-if [ ${#missing[@]} -gt 0 ]; then
-  if [ "$(id -u)" -ne 0 ]; then
-    echo "Missing packages. Run as root:" >&2
-    echo "  apt-get update && apt-get install -y ${missing[*]}" >&2
-    exit 1
-  fi
-  export DEBIAN_FRONTEND=noninteractive
-  apt-get update -qq
-  apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
-fi
+bash "$ROOT/scripts/install-deps.sh" ffmpeg faad gnuplot-nox python3 cmake
 
 echo "== building nmr and aac_encode_wav in $BUILD_DIR"
 if [ ! -f "$BUILD_DIR/CMakeCache.txt" ]; then

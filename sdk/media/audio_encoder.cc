@@ -60,6 +60,29 @@ void AudioEncoderFactory2::SetInstanceForTesting(AudioEncoderFactory2* factory) 
   g_factory_for_testing.store(factory, std::memory_order_release);
 }
 
+bool AudioEncoder::AcceptsInput(const AudioFrame* input) const {
+  const int32_t size = GetInputSizeInBytes();
+  if (size <= 0) {
+    TARN_LOG(tarn_logging::LS_ERROR, kLogConfig, this) << "Encode before a successful Init";
+    return false;
+  }
+  if (input == nullptr || input->GetAudioFrameFormat() != kPcm ||
+      input->GetSize() != static_cast<uint64_t>(size)) {
+    TARN_LOG(tarn_logging::LS_ERROR, kLogConfig, this)
+        << "input must be " << size << " bytes of PCM, got " << (input ? input->GetSize() : 0)
+        << " bytes of format " << (input ? input->GetAudioFrameFormat() : 0);
+    return false;
+  }
+  if ((input->GetSampleRate() != 0 && input->GetSampleRate() != GetSampleRate()) ||
+      (input->GetChannels() != 0 && input->GetChannels() != GetChannels())) {
+    TARN_LOG(tarn_logging::LS_ERROR, kLogConfig, this)
+        << "input is " << input->GetSampleRate() << " Hz, " << input->GetChannels()
+        << " channels; the encoder was set up for " << GetSampleRate() << " Hz, " << GetChannels();
+    return false;
+  }
+  return true;
+}
+
 std::unique_ptr<AudioEncoder> CreateAacEncoder(AacEncoderKind kind) {
   switch (kind) {
     case AacEncoderKind::kFfmpegTwoLoop:

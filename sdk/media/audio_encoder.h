@@ -76,6 +76,12 @@ class AudioEncoder {
   // whose timestamp is the input frame's (so encoded frames stay on the input's
   // timeline), or null when encoding failed.
   virtual std::shared_ptr<AudioFrame> Encode(std::shared_ptr<AudioFrame> input) = 0;
+
+ protected:
+  // For Encode(): true when the encoder is initialised and `input` is one piece of the
+  // PCM it was set up for (a rate or channel count of 0 on the frame is taken as
+  // matching); otherwise logs why and returns false.
+  bool AcceptsInput(const AudioFrame* input) const;
 };
 
 // The process-wide source of audio encoders.

@@ -162,25 +162,7 @@ int32_t FfmpegAacEncoder::GetInputSizeInBytes() const {
 int32_t FfmpegAacEncoder::GetPrimingSamples() const { return priming_samples_; }
 
 std::shared_ptr<AudioFrame> FfmpegAacEncoder::Encode(std::shared_ptr<AudioFrame> input) {
-  if (context_ == nullptr) {
-    TARN_LOG(tarn_logging::LS_ERROR, kLogConfig, this) << "Encode before a successful Init";
-    return nullptr;
-  }
-  if (!input || input->GetAudioFrameFormat() != kPcm ||
-      input->GetSize() != static_cast<uint64_t>(GetInputSizeInBytes())) {
-    TARN_LOG(tarn_logging::LS_ERROR, kLogConfig, this)
-        << "input must be " << GetInputSizeInBytes() << " bytes of PCM, got "
-        << (input ? input->GetSize() : 0) << " bytes of format "
-        << (input ? input->GetAudioFrameFormat() : 0);
-    return nullptr;
-  }
-  if ((input->GetSampleRate() != 0 && input->GetSampleRate() != sample_rate_) ||
-      (input->GetChannels() != 0 && input->GetChannels() != channels_)) {
-    TARN_LOG(tarn_logging::LS_ERROR, kLogConfig, this)
-        << "input is " << input->GetSampleRate() << " Hz, " << input->GetChannels()
-        << " channels; the encoder was set up for " << sample_rate_ << " Hz, " << channels_;
-    return nullptr;
-  }
+  if (!AcceptsInput(input.get())) return nullptr;
 
   // The encoder may still reference the previous frame's buffers.
   int ret = av_frame_make_writable(frame_);

@@ -6,7 +6,7 @@
 #
 # CORPUS_DIR is what make_corpus.sh wrote: stereo/*.wav run at STEREO_BITRATE (196608 b/s,
 # the recorder's), mono/*.wav at MONO_BITRATE (64000 b/s, the encoder's default, which
-# the recorder uses for mono). Coders are aac_encode_wav's (twoloop, fast, checked, ...).
+# the recorder uses for mono). Coders are aac_encode_wav's: tarnel (ours), twoloop, fast.
 #
 # Per item and coder:
 #   1. aac_encode_wav -> ADTS; it prints the priming and the CPU time spent in Encode().

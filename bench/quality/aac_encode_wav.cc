@@ -27,10 +27,10 @@
 
 namespace {
 
+using tarnel::audio::AacEncoderKind;
 using tarnel::audio::AudioEncodeParams;
 using tarnel::audio::AudioEncoder;
 using tarnel::audio::AudioFrame;
-using tarnel::audio::AacEncoderKind;
 using tarnel::audio::kAacSamplesPerFrame;
 
 constexpr int kStereoBitrate = 196608;  // The recorder's stereo rate.
@@ -140,7 +140,8 @@ int main(int argc, char** argv) {
       "{\"coder\": \"%s\", \"channels\": %d, \"sample_rate\": %d, \"bitrate\": %d, "
       "\"priming_samples\": %d, \"input_samples\": %zu, \"pieces\": %zu, \"bytes\": %zu, "
       "\"encode_cpu_ms\": %.3f, \"encode_cpu_ms_per_audio_s\": %.3f}\n",
-      tarnel::audio::AacEncoderKindName(coder), channels, audio.sample_rate, params.bitrate, priming, audio.frames(), pieces,
-      bytes, cpu_s * 1000, audio_s > 0 ? cpu_s * 1000 / audio_s : 0.0);
+      tarnel::audio::AacEncoderKindName(coder), channels, audio.sample_rate, params.bitrate,
+      priming, audio.frames(), pieces, bytes, cpu_s * 1000,
+      audio_s > 0 ? cpu_s * 1000 / audio_s : 0.0);
   return 0;
 }

@@ -158,6 +158,14 @@ struct AacEncoder::State {
   int nonzero_lines = 0;
 
   std::vector<uint8_t> output;
+
+  // The masking model and band edges of this frame's window kind.
+  const aac::MaskingModel& model() const {
+    return sequence == kEightShort ? short_model : long_model;
+  }
+  const uint16_t* offsets() const {
+    return sequence == kEightShort ? layout->short_offsets : layout->long_offsets;
+  }
 };
 
 AacEncoder::AacEncoder() = default;
@@ -433,8 +441,8 @@ void AacEncoder::Analyze(int channel) {
   State& s = *state_;
   ChannelPlan& plan = s.plan[channel];
   const bool is_short = s.sequence == kEightShort;
-  const aac::MaskingModel& model = is_short ? s.short_model : s.long_model;
-  const uint16_t* offsets = is_short ? s.layout->short_offsets : s.layout->long_offsets;
+  const aac::MaskingModel& model = s.model();
+  const uint16_t* offsets = s.offsets();
   const int bands = model.num_bands();
   const float* spectrum = s.spectrum[channel];
   // Tonality only for long windows: short ones are taken where there are attacks.
@@ -498,9 +506,8 @@ void AacEncoder::ShapeNoiseInTime(int channel) {
 
 void AacEncoder::ChooseMidSide() {
   State& s = *state_;
-  const bool is_short = s.sequence == kEightShort;
-  const uint16_t* offsets = is_short ? s.layout->short_offsets : s.layout->long_offsets;
-  const int bands = (is_short ? s.short_model : s.long_model).coded_bands();
+  const uint16_t* offsets = s.offsets();
+  const int bands = s.model().coded_bands();
   float* left = s.spectrum[0];
   float* right = s.spectrum[1];
   ChannelPlan& l = s.plan[0];
@@ -553,9 +560,8 @@ void AacEncoder::ChooseMidSide() {
 void AacEncoder::PrepareQuantisation(int channel) {
   State& s = *state_;
   ChannelPlan& plan = s.plan[channel];
-  const bool is_short = s.sequence == kEightShort;
-  const aac::MaskingModel& model = is_short ? s.short_model : s.long_model;
-  const uint16_t* offsets = is_short ? s.layout->short_offsets : s.layout->long_offsets;
+  const aac::MaskingModel& model = s.model();
+  const uint16_t* offsets = s.offsets();
   const float* spectrum = s.spectrum[channel];
   float* magnitude34 = s.magnitude34[channel];
   int32_t* sign = s.sign[channel];
@@ -607,9 +613,8 @@ void AacEncoder::QuantiseChannel(int channel, int offset, bool uniform) {
   State& s = *state_;
   const ChannelPlan& plan = s.plan[channel];
   ChannelData& data = s.data[channel];
-  const bool is_short = s.sequence == kEightShort;
-  const aac::MaskingModel& model = is_short ? s.short_model : s.long_model;
-  const uint16_t* offsets = is_short ? s.layout->short_offsets : s.layout->long_offsets;
+  const aac::MaskingModel& model = s.model();
+  const uint16_t* offsets = s.offsets();
   const int bands = model.num_bands();
   const float* magnitude34 = s.magnitude34[channel];
   const int32_t* sign = s.sign[channel];

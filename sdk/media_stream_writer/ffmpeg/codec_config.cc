@@ -2,13 +2,12 @@
 
 #include <cstring>
 
+#include "sdk/media/aac/aac_syntax.h"
+#include "sdk/media/aac/aac_tables.h"
+
 namespace tarnel {
 namespace media_stream_writer {
 namespace {
-
-constexpr int kAdtsSampleRates[] = {96000, 88200, 64000, 48000, 44100, 32000, 24000,
-                                    22050, 16000, 12000, 11025, 8000,  7350};
-constexpr int kAdtsSampleRateCount = sizeof(kAdtsSampleRates) / sizeof(kAdtsSampleRates[0]);
 
 // Reads bits MSB first from an RBSP (emulation prevention removed). Reading past the
 // end yields zeros and clears ok().
@@ -308,8 +307,8 @@ bool ParseAdtsHeader(const uint8_t* data, size_t size, AdtsHeader* header) {
   header->channel_config = ((data[2] & 0x01) << 2) | ((data[3] >> 6) & 0x03);
   header->frame_size = ((data[3] & 0x03) << 11) | (data[4] << 3) | ((data[5] >> 5) & 0x07);
   header->raw_data_blocks = data[6] & 0x03;
-  if (header->sample_rate_index >= kAdtsSampleRateCount) return false;
-  header->sample_rate = kAdtsSampleRates[header->sample_rate_index];
+  if (header->sample_rate_index >= audio::aac::kSamplingFrequencyCount) return false;
+  header->sample_rate = audio::aac::kSamplingFrequencies[header->sample_rate_index];
   return header->frame_size >= header->header_size &&
          static_cast<size_t>(header->frame_size) <= size;
 }
@@ -331,9 +330,8 @@ Bytes BuildAacLcAudioSpecificConfig(int sample_rate, int channels) {
   }
   if (sample_rate <= 0 || sample_rate >= (1 << 24)) return Bytes();
   constexpr int kAacLc = 2;
-  int index = 0;
-  while (index < kAdtsSampleRateCount && kAdtsSampleRates[index] != sample_rate) ++index;
-  if (index < kAdtsSampleRateCount) {
+  const int index = audio::aac::SamplingFrequencyIndex(sample_rate);
+  if (index >= 0) {
     const int value = (kAacLc << 11) | (index << 7) | (channel_config << 3);
     return Bytes{static_cast<uint8_t>(value >> 8), static_cast<uint8_t>(value)};
   }

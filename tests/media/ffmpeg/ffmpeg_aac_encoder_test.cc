@@ -6,12 +6,9 @@
 #include <memory>
 #include <vector>
 
-extern "C" {
-#include <libavcodec/avcodec.h>
-}
-
 #include "gtest/gtest.h"
 #include "sdk/media/audio_encoder.h"
+#include "tests/support/aac_decode.h"
 #include "tests/support/log_capture.h"
 
 namespace tarnel {
@@ -31,32 +28,6 @@ std::shared_ptr<AudioFrame> Piece(const int16_t* pcm, int channels) {
   frame->SetSampleRate(kRate);
   frame->SetChannels(channels);
   return frame;
-}
-
-// ADTS frames decoded with libavcodec's aac decoder, as interleaved floats at s16 scale.
-std::vector<float> Decode(const std::vector<std::shared_ptr<AudioFrame>>& frames, int channels) {
-  AVCodecContext* context = avcodec_alloc_context3(avcodec_find_decoder(AV_CODEC_ID_AAC));
-  EXPECT_GE(avcodec_open2(context, nullptr, nullptr), 0);
-  AVPacket* packet = av_packet_alloc();
-  AVFrame* frame = av_frame_alloc();
-  std::vector<float> pcm;
-  for (const auto& encoded : frames) {
-    av_new_packet(packet, static_cast<int>(encoded->GetSize()));
-    std::memcpy(packet->data, encoded->GetData(), encoded->GetSize());
-    EXPECT_GE(avcodec_send_packet(context, packet), 0);
-    av_packet_unref(packet);
-    while (avcodec_receive_frame(context, frame) >= 0) {
-      EXPECT_TRUE(frame->ch_layout.nb_channels == channels && frame->sample_rate == kRate);
-      for (int i = 0; i < frame->nb_samples * channels; ++i) {
-        pcm.push_back(reinterpret_cast<const float*>(frame->data[i % channels])[i / channels] *
-                      32768.0f);
-      }
-    }
-  }
-  av_frame_free(&frame);
-  av_packet_free(&packet);
-  avcodec_free_context(&context);
-  return pcm;
 }
 
 TEST(FfmpegAacEncoderTest, InitAcceptsAacLcMonoAndStereoAndRefusesTheRest) {
@@ -164,7 +135,10 @@ TEST(FfmpegAacEncoderTest, DecodedAudioIsTheInputDelayedByTheEncoderDelay) {
                 std::vector<uint8_t>(raw->GetData(), raw->GetData() + raw->GetSize()));
     }
     // One 1024-sample frame per packet; the last `delay` input samples are still inside.
-    const std::vector<float> decoded = Decode(frames, channels);
+    const tarnel_test::DecodedAudio result = tarnel_test::DecodeAac(frames, kRate, channels,
+                                                                    /*raw=*/false);
+    EXPECT_EQ(result.errors, 0);
+    const std::vector<float>& decoded = result.samples;
     ASSERT_EQ(decoded.size(), pcm.size());
     const int usable = kSamples - delay;
     for (int ch = 0; ch < channels; ++ch) {

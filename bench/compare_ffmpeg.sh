@@ -20,7 +20,7 @@
 #
 # Every round runs each command once on each signal, the order rotated from round to
 # round, each under /usr/bin/time -f '%U %S %e %M':
-#   tarnel_mp4          tarnel-record --fast --stereo -i in.h264 --video-fps 30 -i music.wav -o t.mp4
+#   tarnel_mp4          tarnel-record --fast --stereo --video-fps 30 -i in.h264 -i music.wav -o t.mp4
 #                       (the recorder's own AAC encoder, the default)
 #   ffmpeg_mp4_def      ffmpeg ... -c:v copy -c:a aac -b:a 192k       (FFmpeg's defaults: twoloop)
 #   ffmpeg_mp4_fast     ffmpeg ... -c:v copy -c:a aac -aac_coder fast -b:a 196608 -ac 2 -ar 48000
@@ -76,7 +76,7 @@ fi
 # Timed runs.
 FF=(ffmpeg -nostdin -v error -y)
 V_IN=(-f h264 -framerate 30 -i in.h264)
-TR=("$TARNEL" --fast --stereo --json -i in.h264 --video-fps 30)
+TR=("$TARNEL" --fast --stereo --json --video-fps 30 -i in.h264)
 
 # Sets CMD to the command of run `name` on audio `wav`, writing `out` + extension.
 set_cmd() {
@@ -255,7 +255,7 @@ for signal in ('music', 'speech'):
     w('')
 
 desc = {
- 'tarnel_mp4': '`tarnel-record --fast --stereo -i in.h264 --video-fps 30 -i SIGNAL.wav -o t.mp4` (own AAC encoder, the default)',
+ 'tarnel_mp4': '`tarnel-record --fast --stereo --video-fps 30 -i in.h264 -i SIGNAL.wav -o t.mp4` (own AAC encoder, the default)',
  'ffmpeg_mp4_def': '`ffmpeg -f h264 -framerate 30 -i in.h264 -i SIGNAL.wav -c:v copy -c:a aac -b:a 192k o.mp4` (twoloop)',
  'ffmpeg_mp4_fast': 'same, with `-c:a aac -aac_coder fast -b:a 196608 -ac 2 -ar 48000`',
  'tarnel_mp4_twoloop': 'tarnel_mp4 with `--aac-encoder twoloop` (libavcodec\'s twoloop, 196608 b/s)',

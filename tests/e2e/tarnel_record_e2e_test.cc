@@ -384,6 +384,31 @@ TEST_F(TarnelRecordTest, EveryFormatWithTheStreamsItCarries) {
   }
 }
 
+// Raw H.264 and raw PCM carry no timing and no format of their own: each input gets
+// its own -f, frame rate and PCM layout, given before its -i as in ffmpeg. A frame rate
+// that reached the wrong input would leave the video at 25 fps, 3.6 s long.
+TEST_F(TarnelRecordTest, EachInputTakesTheOptionsGivenBeforeIt) {
+  const std::string video = Output("cam.h264");
+  const std::string audio = Output("mic.pcm");
+  ASSERT_EQ(RunCommand("ffmpeg -nostdin -v error -f lavfi -i testsrc2=size=320x240:rate=30 -t 3 "
+                       "-c:v libx264 -preset ultrafast -bf 0 -g 30 -pix_fmt yuv420p -f h264 " +
+                       Quote(video) +
+                       " -f lavfi -i sine=frequency=440:sample_rate=48000 -t 3 -ac 2 -f s16le " +
+                       Quote(audio))
+                .exit_code,
+            0);
+  const std::string out = Output("call.mp4");
+  const CommandResult run = Record("-f h264 --video-fps 30 -i " + Quote(video) +
+                                   " -f s16le --pcm-rate 48000 --pcm-channels 2 -i " +
+                                   Quote(audio) + " -o " + Quote(out));
+  ASSERT_EQ(run.exit_code, 0) << run.output;
+  EXPECT_EQ(JsonField(run.output, "video_frames_written"), "90");
+  ExpectStreams(out, {"h264", "aac"});
+  // Read as mono or at another rate, the PCM would last twice as long or not as long.
+  EXPECT_NEAR(ProbeDuration(out), 3.0, 0.05);
+  EXPECT_NEAR(DecodeAudio(out, 48000).size() / 48000.0, 3.0, 0.05);
+}
+
 TEST_F(TarnelRecordTest, SegmentsArePlayableOnTheirOwnAndLoseNothing) {
   const std::string out = Output("seg.mp4");
   const CommandResult run = Record("--segment 3 -i " + Quote(kSample) + " -o " + Quote(out));

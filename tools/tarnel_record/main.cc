@@ -4,8 +4,10 @@
 // Threads: one demuxing thread per input fills a bounded queue per stream. With
 // --realtime a video thread and an audio thread take the frames out and hand them over
 // at their own timestamps; with --fast one thread hands them over in timestamp order as
-// fast as the recorder keeps up (at most kFastLeadMs ahead of what it has written). The
-// recorder calls the client on its own worker thread.
+// fast as the recorder keeps up (at most kFastLeadMs ahead of what it has written); with
+// --burst that thread does not wait for the recorder at all, so the recorder's queue
+// bound decides what is kept. The recorder calls the client on its own worker thread,
+// which also prints the status line.
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -33,6 +35,7 @@ extern "C" {
 #include "sdk/media_stream_writer/mp4/mp4_repair.h"
 #include "tools/tarnel_record/media_source.h"
 #include "tools/tarnel_record/options.h"
+#include "tools/tarnel_record/status_line.h"
 
 namespace tarnel_record {
 namespace {
@@ -120,26 +123,18 @@ int64_t TotalSize(const std::vector<std::string>& paths) {
   return total;
 }
 
-std::string HumanSize(int64_t bytes) {
-  char text[32];
-  if (bytes >= 1024 * 1024) {
-    std::snprintf(text, sizeof(text), "%.2f MiB", bytes / (1024.0 * 1024.0));
-  } else {
-    std::snprintf(text, sizeof(text), "%.1f KiB", bytes / 1024.0);
-  }
-  return text;
-}
-
 class ToolClient : public LocalRecording::Client {
  public:
-  ToolClient(const Options& options, const std::atomic<int64_t>* video_in,
-             const std::atomic<int64_t>* audio_in)
-      : options_(options), video_in_(video_in), audio_in_(audio_in) {
+  // On a terminal the status line is rewritten in place at every progress report;
+  // piped, it is printed as one line per report when --progress-ms asks for them;
+  // with --json there is none.
+  explicit ToolClient(const Options& options) : options_(options) {
     show_progress_ = !options.json && (options.progress_ms_given || isatty(STDERR_FILENO));
     terminal_ = isatty(STDERR_FILENO);
   }
 
   void OnRecordingStarted(LocalRecording*, InternalError error) override {
+    started_at_ = Clock::now();
     std::lock_guard<std::mutex> lock(mutex_);
     start_result_ = error;
     started_ = true;
@@ -153,11 +148,12 @@ class ToolClient : public LocalRecording::Client {
     if (now < next_print_) return;
     // A little under the period, so that timer jitter does not skip every other report.
     next_print_ = now + std::chrono::milliseconds(std::max(options_.progress_ms, 100) * 9 / 10);
-    std::fprintf(stderr, "%srecorded %6.1f s  frames in: video %lld, audio %lld  size %s%s",
-                 terminal_ ? "\r" : "", duration_ms / 1000.0,
-                 static_cast<long long>(video_in_->load()),
-                 static_cast<long long>(audio_in_->load()), HumanSize(TotalSize(Files())).c_str(),
-                 terminal_ ? "   " : "\n");
+    RecordingStatus status;
+    status.media_ms = duration_ms;
+    status.bytes = TotalSize(Files());
+    status.wall_seconds = std::chrono::duration<double>(now - started_at_).count();
+    std::fprintf(stderr, "%s%s%s", terminal_ ? "\r" : "", FormatStatusLine(status).c_str(),
+                 terminal_ ? "  " : "\n");
     std::fflush(stderr);
   }
 
@@ -212,11 +208,11 @@ class ToolClient : public LocalRecording::Client {
 
  private:
   const Options& options_;
-  const std::atomic<int64_t>* video_in_;
-  const std::atomic<int64_t>* audio_in_;
   bool show_progress_ = false;
   bool terminal_ = false;
-  Clock::time_point next_print_;  // Worker thread only.
+  // Worker thread only.
+  Clock::time_point started_at_;
+  Clock::time_point next_print_;
   std::atomic<int64_t> recorded_ms_{0};
 
   std::mutex mutex_;
@@ -295,18 +291,14 @@ int Run(const Options& options) {
 
   std::vector<std::unique_ptr<MediaSource>> sources;
   for (size_t i = 0; i < options.inputs.size(); ++i) {
-    SourceOptions source_options;
-    source_options.url = options.inputs[i];
-    source_options.input_format = options.input_format;
-    source_options.video_fps = options.video_fps;
-    source_options.pcm_sample_rate = options.pcm_sample_rate;
-    source_options.pcm_channels = options.pcm_channels;
+    SourceOptions source_options = options.inputs[i];
     source_options.audio_passthrough = options.audio_passthrough;
     // With two inputs the first gives the video and the second the audio.
     source_options.use_video = want_video && (options.inputs.size() == 1 || i == 0);
     source_options.use_audio = want_audio && (options.inputs.size() == 1 || i == 1);
     std::unique_ptr<MediaSource> source = MediaSource::Open(source_options, &error);
-    if (!source) {
+    if (!source ||
+        !CheckInputOptionsApply(source_options, source->has_video(), source->has_audio(), &error)) {
       std::fprintf(stderr, "error: %s\n", error.c_str());
       return 1;
     }
@@ -335,6 +327,7 @@ int Run(const Options& options) {
   bool live = false;
   for (const auto& source : sources) live = live || source->is_live();
   const bool fast = options.pacing == Options::Pacing::kFast;
+  const bool burst = options.pacing == Options::Pacing::kBurst;
   // --fast paces itself on the recorder's progress, which it needs often.
   if (fast) params.progress_interval_ms = std::min(std::max(options.progress_ms, 1), 100);
 
@@ -343,7 +336,7 @@ int Run(const Options& options) {
   tarnel::audio::AudioEncoderFactory2::GetInstance()->SetAacEncoderKind(aac_kind);
 
   std::atomic<int64_t> video_in{0}, audio_in{0};
-  ToolClient client(options, &video_in, &audio_in);
+  ToolClient client(options);
   tarn_base::scoped_refptr<LocalRecording> recorder = LocalRecording::Create(&client);
   if (!recorder) {
     std::fprintf(stderr, "error: cannot create the recorder\n");
@@ -394,8 +387,9 @@ int Run(const Options& options) {
   };
 
   const Clock::time_point begin = Clock::now();
-  if (fast) {
-    // One thread, both streams merged by time, never far ahead of the writer.
+  if (fast || burst) {
+    // One thread, both streams merged by time; with --fast never far ahead of the
+    // writer, with --burst as far ahead as the inputs can be read.
     threads.emplace_back([&] {
       while (keep_going()) {
         // Merge by time. A stream that has nothing yet is waited for, unless the other
@@ -416,7 +410,7 @@ int Run(const Options& options) {
         }
         const bool take_video = has_video && (!has_audio || video_time <= audio_time);
         const int64_t time = take_video ? video_time : audio_time;
-        while (keep_going() && time - client.recorded_ms() > kFastLeadMs) {
+        while (!burst && keep_going() && time - client.recorded_ms() > kFastLeadMs) {
           std::this_thread::sleep_for(std::chrono::milliseconds(2));
         }
         SourceFrame frame;

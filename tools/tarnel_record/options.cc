@@ -34,19 +34,28 @@ std::string ExtensionOf(const std::string& path) {
 }  // namespace
 
 std::string HelpText() {
-  return R"(Usage: tarnel-record [options] -i INPUT [-i INPUT] -o OUTPUT
+  return R"(Usage: tarnel-record [options] [input options] -i INPUT [[input options] -i INPUT]
+                     -o OUTPUT
 
 Feeds a live or recorded stream through the Tarnel local recorder, the way an
 application does, and writes OUTPUT. One input with video and audio, or a video
 input followed by an audio input. Inputs are anything FFmpeg's libavformat reads:
 MP4/MKV/TS files, raw .h264/.h265 Annex-B streams, WAV or raw PCM, rtsp:// or udp://.
 
-Input:
-  -i INPUT                input file or URL (give twice for separate video and audio)
+Input options apply, as in ffmpeg, to the next -i only; give them before the -i they
+are for. One given after the last -i is an error. Every other option is about the whole
+recording and may go anywhere. E.g. raw H.264 and raw PCM:
+  tarnel-record -f h264 --video-fps 30 -i cam.h264 \
+                -f s16le --pcm-rate 48000 --pcm-channels 2 -i mic.pcm -o call.mp4
+
+Input options:
   -f, --input-format FMT  force the demuxer, e.g. h264, hevc, s16le   (default: probe)
   --video-fps FPS         frame rate of a raw video stream            (default: 25)
   --pcm-rate HZ           sample rate of raw PCM input                (default: none)
   --pcm-channels N        channel count of raw PCM input, 1 or 2      (default: none)
+
+Inputs:
+  -i INPUT                input file or URL (give twice for separate video and audio)
   --audio-passthrough     hand AAC audio over as AAC instead of decoding it to PCM
                                                                       (default: off)
 Recording:
@@ -59,11 +68,16 @@ Recording:
   --progress-ms MS        progress report period                        (default: 1000)
   --aac-encoder NAME      tarnel (ours), twoloop or fast (libavcodec's coders) for PCM
                           encoded to AAC                                (default: tarnel)
+  --max-queue-mb N        media the recorder may hold before it drops frames, in MiB
+                                                                        (default: 64)
 
 Pacing:
   --realtime              hand frames over at their own timestamps from a video and an
                           audio thread, as a live source would (default for files)
   --fast                  hand frames over as fast as the recorder takes them
+  --burst                 hand frames over as fast as the inputs are read, never waiting
+                          for the recorder, as a source delivering a backlog does; what
+                          goes beyond --max-queue-mb is dropped
 
 Fault injection (times are source times in ms):
   --drop-audio FROM-TO    leave out the audio between FROM and TO (a source pause)
@@ -72,8 +86,12 @@ Fault injection (times are source times in ms):
   --resize-at MS          from MS on, report a different picture size
 
 Output:
-  --json                  print the summary as one JSON object
+  --json                  print the summary as one JSON object, and nothing else
   -h, --help              show this help
+On a terminal a status line shows, at every progress report, the media time recorded,
+the output's size, its bit rate, the speed (media time / wall time) and the frames the
+recorder dropped. When stderr is not a terminal it is printed as one line per report
+with --progress-ms only.
 
 Repair (instead of recording):
   --repair FILE           finish an MP4/M4A that a crash left fragmented, in place, into
@@ -88,6 +106,10 @@ or could not be written.
 
 bool ParseOptions(int argc, char** argv, Options* options, bool* help, std::string* error) {
   *help = false;
+  // The input options seen since the last -i, and how they were spelled (for the
+  // message when no -i follows them).
+  SourceOptions next_input;
+  std::vector<std::string> pending;
   for (int i = 1; i < argc; ++i) {
     const std::string arg = argv[i];
     auto value = [&](std::string* out) {
@@ -107,31 +129,47 @@ bool ParseOptions(int argc, char** argv, Options* options, bool* help, std::stri
       }
       return true;
     };
+    // Notes an input option just read with its value.
+    auto input_option = [&] { pending.push_back(arg + " " + argv[i]); };
     std::string text;
     int64_t n = 0;
     if (arg == "-h" || arg == "--help") {
       *help = true;
       return true;
     } else if (arg == "-i") {
-      if (!value(&text)) return false;
-      options->inputs.push_back(text);
+      if (!value(&next_input.url)) return false;
+      options->inputs.push_back(next_input);
+      next_input = SourceOptions();
+      pending.clear();
     } else if (arg == "-o") {
       if (!value(&options->output)) return false;
     } else if (arg == "-f" || arg == "--input-format") {
-      if (!value(&options->input_format)) return false;
+      if (!value(&next_input.input_format)) return false;
+      input_option();
     } else if (arg == "--video-fps") {
       if (!value(&text)) return false;
-      options->video_fps = std::atof(text.c_str());
-      if (options->video_fps <= 0) {
+      next_input.video_fps = std::atof(text.c_str());
+      if (next_input.video_fps <= 0) {
         *error = "--video-fps needs a positive frame rate";
         return false;
       }
+      input_option();
     } else if (arg == "--pcm-rate") {
       if (!number(&n)) return false;
-      options->pcm_sample_rate = static_cast<int>(n);
+      if (n <= 0 || n > 1000000) {
+        *error = "--pcm-rate needs a sample rate in Hz, e.g. 48000";
+        return false;
+      }
+      next_input.pcm_sample_rate = static_cast<int>(n);
+      input_option();
     } else if (arg == "--pcm-channels") {
       if (!number(&n)) return false;
-      options->pcm_channels = static_cast<int>(n);
+      if (n != 1 && n != 2) {
+        *error = "--pcm-channels must be 1 or 2";
+        return false;
+      }
+      next_input.pcm_channels = static_cast<int>(n);
+      input_option();
     } else if (arg == "--audio-passthrough") {
       options->audio_passthrough = true;
     } else if (arg == "--format") {
@@ -156,10 +194,20 @@ bool ParseOptions(int argc, char** argv, Options* options, bool* help, std::stri
       if (!number(&n)) return false;
       options->progress_ms = static_cast<int>(n);
       options->progress_ms_given = true;
+    } else if (arg == "--max-queue-mb") {
+      if (!number(&n)) return false;
+      // The bound is N << 20 bytes in an int64_t.
+      if (n <= 0 || n > (int64_t{1} << 30)) {
+        *error = "--max-queue-mb needs a positive number of MiB";
+        return false;
+      }
+      options->max_queue_mb = n;
     } else if (arg == "--realtime") {
       options->pacing = Options::Pacing::kRealtime;
     } else if (arg == "--fast") {
       options->pacing = Options::Pacing::kFast;
+    } else if (arg == "--burst") {
+      options->pacing = Options::Pacing::kBurst;
     } else if (arg == "--json") {
       options->json = true;
     } else if (arg == "--drop-audio") {
@@ -189,6 +237,14 @@ bool ParseOptions(int argc, char** argv, Options* options, bool* help, std::stri
     }
   }
   if (!options->repair.empty()) return true;
+  if (!pending.empty()) {
+    std::string given;
+    for (const std::string& option : pending) given += (given.empty() ? "" : " ") + option;
+    *error = "trailing option(s) found: " + given +
+             " after the last -i apply to no input; input options go before the -i they "
+             "are for";
+    return false;
+  }
   if (options->inputs.empty()) {
     *error = "no input given (-i INPUT)";
     return false;
@@ -202,6 +258,19 @@ bool ParseOptions(int argc, char** argv, Options* options, bool* help, std::stri
     return false;
   }
   return true;
+}
+
+bool CheckInputOptionsApply(const SourceOptions& input, bool has_video, bool has_audio,
+                            std::string* error) {
+  std::string unused;
+  if (input.video_fps > 0 && !has_video) unused = "--video-fps";
+  if (input.pcm_sample_rate > 0 && !has_audio) unused = "--pcm-rate";
+  if (input.pcm_channels > 0 && !has_audio) unused = "--pcm-channels";
+  if (unused.empty()) return true;
+  *error = unused + " applies to the -i after it, " + input.url + ", which gives no " +
+           (unused == "--video-fps" ? "video" : "audio") +
+           " to the recording; input options go before the -i they are for";
+  return false;
 }
 
 bool ToRecordingParams(const Options& options,

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "sdk/common/local_recording/local_recording.h"
+#include "tools/tarnel_record/media_source.h"
 
 namespace tarnel_record {
 
@@ -17,12 +18,11 @@ struct TimestampJump {
 };
 
 struct Options {
-  std::vector<std::string> inputs;  // One with both streams, or video then audio.
+  // One with both streams, or video then audio. Each carries the input options given
+  // before its -i (url, input_format, video_fps, pcm_sample_rate, pcm_channels); the
+  // rest of SourceOptions is decided when recording.
+  std::vector<SourceOptions> inputs;
   std::string output;
-  std::string input_format;
-  double video_fps = 0;
-  int pcm_sample_rate = 0;
-  int pcm_channels = 0;
   bool audio_passthrough = false;
 
   std::string format;  // mp4, mkv, wav, m4a, aac; empty: from the output's extension.
@@ -34,8 +34,10 @@ struct Options {
   std::string aac_encoder = "tarnel";  // tarnel, twoloop or fast.
   bool progress_ms_given = false;
 
-  enum class Pacing { kDefault, kRealtime, kFast } pacing = Pacing::kDefault;
+  enum class Pacing { kDefault, kRealtime, kFast, kBurst } pacing = Pacing::kDefault;
   bool json = false;
+  // --max-queue-mb: the recorder's bound on media it holds, in MiB; unset: its default.
+  std::optional<int64_t> max_queue_mb;
 
   // --repair FILE: finish an MP4/M4A a crash left fragmented instead of recording.
   std::string repair;
@@ -48,9 +50,15 @@ struct Options {
 };
 
 // Parses argv. Returns false with a message in `error` for bad usage; sets `help` when
-// --help was asked for.
+// --help was asked for. As in ffmpeg, the input options (-f, --video-fps, --pcm-rate,
+// --pcm-channels) apply to the next -i only; one given after the last -i is an error.
 bool ParseOptions(int argc, char** argv, Options* options, bool* help, std::string* error);
 std::string HelpText();
+
+// Once an input is open: false, with the reason, when an input option was given for a
+// stream the input does not provide (as when it was meant for the other input).
+bool CheckInputOptionsApply(const SourceOptions& input, bool has_video, bool has_audio,
+                            std::string* error);
 
 // The recorder parameters the options describe, or an error.
 bool ToRecordingParams(const Options& options,

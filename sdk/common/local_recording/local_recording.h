@@ -80,6 +80,21 @@ struct LocalRecordingInitialParams {
   std::string ToString() const;
 };
 
+// How much media a recorder holds that it has not yet handed to the writer, and what it
+// dropped because it fell behind. The counts cover the current (or last) recording.
+struct LocalRecordingQueueStats {
+  int64_t queued_bytes = 0;          // Held now: frames posted but not taken in, and caches.
+  int64_t peak_queued_bytes = 0;     // The highest queued_bytes of the recording.
+  int64_t max_queue_bytes = 0;       // The bound in force.
+  int64_t dropped_video_frames = 0;  // Dropped because the bound was reached.
+  int64_t dropped_audio_frames = 0;
+  int64_t overload_episodes = 0;  // Times dropping started.
+};
+
+// The bound a new recorder starts with: room for well over ten seconds of 1080p video
+// with its audio arriving in one burst.
+inline constexpr int64_t kDefaultMaxQueueBytes = int64_t{64} << 20;
+
 class LocalRecording : public tarn_base::RefCountedThreadSafe<LocalRecording> {
  public:
   // Reports of one recorder, called on its worker thread. Must outlive the recorder.
@@ -112,6 +127,16 @@ class LocalRecording : public tarn_base::RefCountedThreadSafe<LocalRecording> {
   // or 3 bytes or fewer are refused.
   virtual void WriteVideoFrame(std::unique_ptr<video::VideoFrame> frame) = 0;
   virtual void WriteAudioFrame(std::unique_ptr<audio::AudioFrame> frame) = 0;
+  // Bytes of media the recorder may hold between the Write calls and the file (frames
+  // waiting for the worker thread, and its caches). When a frame would exceed it, the
+  // recorder drops frames and the recording goes on: video up to the next key frame
+  // that fits, audio in whole frames, whose time the recorder fills with silence when
+  // it encodes the audio, so the file stays decodable and in sync. One warning is
+  // logged per episode. 0 or less restores kDefaultMaxQueueBytes. Any thread; applies
+  // from the next frame on.
+  virtual void SetMaxQueueBytes(int64_t bytes) = 0;
+  // What the recorder holds and has dropped. Any thread.
+  virtual LocalRecordingQueueStats GetQueueStats() const = 0;
   // Kept for the application's reference; does not affect the recording.
   virtual void SetEncodeParams(const video::EncodeParams& params) = 0;
 

@@ -119,9 +119,15 @@ void LocalRecordingImpl::WriteVideoFrame(std::unique_ptr<video::VideoFrame> fram
                    << "video_frame size:" << frame->data.size();
     return;
   }
+  const int64_t bytes =
+      static_cast<int64_t>(frame->data.size()) + IntakeLimiter::kFrameOverheadBytes;
+  const IntakeLimiter::VideoVerdict verdict =
+      limiter_.AdmitVideo(bytes, frame->frame_type == video::kKeyFrame);
+  LogOverload(verdict.episode);
+  if (!verdict.admitted) return;
   task_runner_->PostTask(FROM_HERE,
-                         tarn_base::BindOnce(&LocalRecordingImpl::WriteVideoFrameImpl,
-                                             tarn_base::Unretained(this), std::move(frame)));
+                         tarn_base::BindOnce(&LocalRecordingImpl::TakeInVideoFrame,
+                                             tarn_base::Unretained(this), std::move(frame), bytes));
 }
 
 void LocalRecordingImpl::WriteAudioFrame(std::unique_ptr<audio::AudioFrame> frame) {
@@ -140,9 +146,29 @@ void LocalRecordingImpl::WriteAudioFrame(std::unique_ptr<audio::AudioFrame> fram
                    << "audio_frame size :" << frame->GetSize();
     return;
   }
-  task_runner_->PostTask(FROM_HERE,
-                         tarn_base::BindOnce(&LocalRecordingImpl::WriteAudioFrameImpl,
-                                             tarn_base::Unretained(this), std::move(frame)));
+  const int64_t bytes = static_cast<int64_t>(frame->GetSize()) + IntakeLimiter::kFrameOverheadBytes;
+  const IntakeLimiter::AudioVerdict verdict = limiter_.AdmitAudio(bytes, *frame);
+  LogOverload(verdict.episode);
+  if (!verdict.admitted) return;
+  task_runner_->PostTask(FROM_HERE, tarn_base::BindOnce(&LocalRecordingImpl::TakeInAudioFrame,
+                                                        tarn_base::Unretained(this),
+                                                        std::move(frame), bytes, verdict.gap));
+}
+
+void LocalRecordingImpl::SetMaxQueueBytes(int64_t bytes) { limiter_.SetLimit(bytes); }
+
+LocalRecordingQueueStats LocalRecordingImpl::GetQueueStats() const { return limiter_.stats(); }
+
+void LocalRecordingImpl::LogOverload(IntakeLimiter::Episode episode) {
+  if (episode == IntakeLimiter::Episode::kUnchanged) return;
+  const LocalRecordingQueueStats stats = limiter_.stats();
+  if (episode == IntakeLimiter::Episode::kStarted) {
+    RLOG(LS_WARNING) << "recording queue full, " << stats.queued_bytes << " of "
+                     << stats.max_queue_bytes << " bytes held, dropping frames until it drains";
+  } else {
+    RLOG(LS_INFO) << "recording queue drained, dropped so far " << stats.dropped_video_frames
+                  << " video and " << stats.dropped_audio_frames << " audio frames";
+  }
 }
 
 void LocalRecordingImpl::SetEncodeParams(const video::EncodeParams& params) {
@@ -194,6 +220,7 @@ void LocalRecordingImpl::StartImpl(const LocalRecordingInitialParams& params) {
   output_path_existed_at_start_ = path_existed;
   warned_unusable_muted_frame_ = false;
   writer_ = std::make_unique<Writer>(this);
+  limiter_.ResetStats();
   is_recording_ = true;
   client_->OnRecordingStarted(this, kOk);
 }
@@ -316,6 +343,7 @@ void LocalRecordingImpl::Reset() {
   video_duration_ms_ = 0;
   audio_duration_ms_ = 0;
   video_size_.reset();
+  limiter_.Recount(0, 0);
 }
 
 void LocalRecordingImpl::ErrorHandling(InternalError error) {
@@ -324,6 +352,87 @@ void LocalRecordingImpl::ErrorHandling(InternalError error) {
   NotifyComplete(error, size);
   Reset();
   RLOG(LS_ERROR) << "recording failed: " << InternalErrorToString(error);
+}
+
+// ---------------------------------------------------------------------------------------
+// Overload accounting.
+
+void LocalRecordingImpl::TakeInVideoFrame(std::unique_ptr<video::VideoFrame> frame, int64_t bytes) {
+  limiter_.TakenIn(IntakeLimiter::kVideo, bytes);
+  WriteVideoFrameImpl(std::move(frame));
+  RecountIfNeeded();
+}
+
+void LocalRecordingImpl::TakeInAudioFrame(std::unique_ptr<audio::AudioFrame> frame, int64_t bytes,
+                                          const IntakeLimiter::AudioGap& dropped_before) {
+  limiter_.TakenIn(IntakeLimiter::kAudio, bytes);
+  const bool follows_dropped_audio = dropped_before.frames > 0;
+  if (follows_dropped_audio) FillDroppedAudio(dropped_before);
+  WriteAudioFrameImpl(std::move(frame), follows_dropped_audio);
+  // The filling timer would fill the hole at the pace of real time, while the audio
+  // behind it piles up: fill it now.
+  if (follows_dropped_audio && muxer_started_ && params_.fill_muted_frame &&
+      UsableMutedFrameSizeInMs()) {
+    while (is_recording_ && !audio_frame_cache_.empty()) DoCheckAndAddMutedFrame();
+  }
+  RecountIfNeeded();
+}
+
+void LocalRecordingImpl::Recount() {
+  int64_t video = 0;
+  for (const auto& entry : video_frame_cache_) {
+    if (entry.second) {
+      video += static_cast<int64_t>(entry.second->data.size()) + IntakeLimiter::kFrameOverheadBytes;
+    }
+  }
+  int64_t audio = 0;
+  for (const AudioCache* cache : {&audio_frame_cache_, &audio_mux_cache_}) {
+    for (const auto& entry : *cache) {
+      if (entry.second) {
+        audio += static_cast<int64_t>(entry.second->GetSize()) + IntakeLimiter::kFrameOverheadBytes;
+      }
+    }
+  }
+  if (audio_ring_buffer_) audio += audio_ring_buffer_->GetSizeInBytes();
+  limiter_.Recount(video, audio);
+}
+
+void LocalRecordingImpl::RecountIfNeeded() {
+  // Once the muxer runs, every writing pass recounts; between two passes a burst is
+  // recounted after each eighth of the bound. Before, the caches are small (bounded in
+  // frames) and nothing else recounts.
+  if (muxer_started_ && limiter_.unreconciled_bytes() < limiter_.limit() / 8) return;
+  Recount();
+}
+
+void LocalRecordingImpl::FillDroppedAudio(const IntakeLimiter::AudioGap& gap) {
+  // Only PCM that the recorder encodes needs it, and only once the muxer runs: until
+  // then the caches are realigned at the start. With filling on, the muted frames fill
+  // the hole; PCM stored as it arrives keeps the hole in its timestamps.
+  if (!is_recording_ || !muxer_started_ || params_.fill_muted_frame || !audio_ring_buffer_ ||
+      gap.format != audio::kPcm || gap.samples <= 0 || gap.sample_rate <= 0 || gap.channels <= 0) {
+    return;
+  }
+  // In pieces of at most 100 ms, each encoded before the next, so that a long hole
+  // never sits in memory as PCM.
+  const int64_t piece_samples = std::max<int64_t>(1, gap.sample_rate / 10);
+  const size_t bytes_per_sample = 2u * static_cast<size_t>(gap.channels);
+  for (int64_t done = 0; done < gap.samples && is_recording_;) {
+    const int64_t samples = std::min(piece_samples, gap.samples - done);
+    const std::vector<uint8_t> zeros(static_cast<size_t>(samples) * bytes_per_sample, 0);
+    auto silence = std::make_unique<audio::AudioFrame>();
+    silence->SetData(zeros.data(), zeros.size());
+    silence->SetSampleRate(gap.sample_rate);
+    silence->SetChannels(gap.channels);
+    // A source without timestamps (0) gets them continued from its last frame.
+    if (gap.first_timestamp_ms != 0) {
+      silence->SetTimestampInMs(gap.first_timestamp_ms +
+                                static_cast<uint32_t>(done * 1000 / gap.sample_rate));
+    }
+    WriteAudioFrameImpl(std::move(silence), /*follows_dropped_audio=*/true);
+    if (is_recording_ && !EncodeAudioFrame()) return;
+    done += samples;
+  }
 }
 
 // ---------------------------------------------------------------------------------------
@@ -393,7 +502,8 @@ void LocalRecordingImpl::WriteVideoFrameImpl(std::unique_ptr<video::VideoFrame> 
 // ---------------------------------------------------------------------------------------
 // Audio intake.
 
-void LocalRecordingImpl::WriteAudioFrameImpl(std::unique_ptr<audio::AudioFrame> frame) {
+void LocalRecordingImpl::WriteAudioFrameImpl(std::unique_ptr<audio::AudioFrame> frame,
+                                             bool follows_dropped_audio) {
   assert(IsOnWorkerThread());
   if (!is_recording_ || !frame) return;
   ResampleIfNeeded(frame.get());
@@ -437,7 +547,8 @@ void LocalRecordingImpl::WriteAudioFrameImpl(std::unique_ptr<audio::AudioFrame> 
   }
 
   int64_t t = frame->GetTimestampInMs();
-  if (!audio_frame_cache_.empty() && t - last_audio_timestamp_ > kMaxAudioForwardStepMs) {
+  if (!follows_dropped_audio && !audio_frame_cache_.empty() &&
+      t - last_audio_timestamp_ > kMaxAudioForwardStepMs) {
     RLOG(LS_ERROR) << "audio time stamp increased too fast " << t << ", " << last_audio_timestamp_;
     ErrorHandling(kInvalidTimestamp);
     return;
@@ -685,7 +796,9 @@ extensions::local_recording::LocalRecordingType LocalRecordingImpl::ConvertRecor
 // ---------------------------------------------------------------------------------------
 // Interleaved writing.
 
-void LocalRecordingImpl::Process() { DoProcess(/*flush=*/false); }
+void LocalRecordingImpl::Process() {
+  if (DoProcess(/*flush=*/false)) Recount();
+}
 
 bool LocalRecordingImpl::DoProcess(bool flush) {
   while (!video_frame_cache_.empty() && !audio_mux_cache_.empty()) {

@@ -1,8 +1,9 @@
 // The recorder behind LocalRecording.
 //
 // One worker thread ("recording") owns every member below except task_runner_ (set once
-// in the constructor, read by the posting methods on callers' threads) and
-// encode_params_ (written by SetEncodeParams on the caller's thread, read by nothing).
+// in the constructor, read by the posting methods on callers' threads), limiter_
+// (thread-safe) and encode_params_ (written by SetEncodeParams on the caller's thread,
+// read by nothing).
 // Public calls post to the worker; timers fire on it; the writer's segment notices
 // arrive on it. Posted tasks and timer callbacks hold the recorder by plain pointer:
 // the destructor stops the thread, running what was posted, before any member goes.
@@ -27,6 +28,7 @@
 #include "sdk/base/logging.h"
 #include "sdk/base/thread.h"
 #include "sdk/base/timer.h"
+#include "sdk/common/local_recording/intake_limiter.h"
 #include "sdk/common/local_recording/local_recording.h"
 #include "sdk/media/audio_encoder.h"
 #include "sdk/media/audio_frame_ring_buffer.h"
@@ -55,6 +57,8 @@ class LocalRecordingImpl
   void WriteVideoFrame(std::unique_ptr<video::VideoFrame> frame) override;
   void WriteAudioFrame(std::unique_ptr<audio::AudioFrame> frame) override;
   void SetEncodeParams(const video::EncodeParams& params) override;
+  void SetMaxQueueBytes(int64_t bytes) override;
+  LocalRecordingQueueStats GetQueueStats() const override;
 
   // Writer::Client: relays the path to the client on the calling thread.
   void OnRecordingSegment(const std::string& path) override;
@@ -87,8 +91,23 @@ class LocalRecordingImpl
   bool FlushRemainingData();
 
   // Intake.
+  // Admitted frames arrive here, `bytes` being what the limiter counted for them.
+  void TakeInVideoFrame(std::unique_ptr<video::VideoFrame> frame, int64_t bytes);
+  void TakeInAudioFrame(std::unique_ptr<audio::AudioFrame> frame, int64_t bytes,
+                        const IntakeLimiter::AudioGap& dropped_before);
   void WriteVideoFrameImpl(std::unique_ptr<video::VideoFrame> frame);
-  void WriteAudioFrameImpl(std::unique_ptr<audio::AudioFrame> frame);
+  // `follows_dropped_audio`: the recorder dropped audio just before this frame, so a
+  // jump in its timestamp is the recorder's own and not the source's.
+  void WriteAudioFrameImpl(std::unique_ptr<audio::AudioFrame> frame,
+                           bool follows_dropped_audio = false);
+  // Puts silence where the recorder dropped PCM that it encodes, which the encoded
+  // stream would otherwise close up, losing sync.
+  void FillDroppedAudio(const IntakeLimiter::AudioGap& gap);
+  void LogOverload(IntakeLimiter::Episode episode);
+  // Tells the limiter what the caches and the encoder's input queue hold.
+  void Recount();
+  // Tells the limiter what the caches hold, when the figure it has may be stale.
+  void RecountIfNeeded();
   void ResampleIfNeeded(audio::AudioFrame* frame);
   bool AudioFrameNeedToEncode(audio::AudioCodecFormat format) const;
 
@@ -127,6 +146,9 @@ class LocalRecordingImpl
   void SendAudioMetaDataToMuxer();
 
   bool IsOnWorkerThread() const;
+
+  // Thread-safe; admits frames on callers' threads, told by the worker what it holds.
+  IntakeLimiter limiter_;
 
   // Constant after construction.
   tarn_base::Thread thread_;

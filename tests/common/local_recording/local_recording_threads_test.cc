@@ -146,7 +146,11 @@ TEST_F(LocalRecordingThreadsTest, RecordersSharedByEightThreadsAndReleasedByOneO
     // Each thread's copy of the lambda holds the references; the test's go first.
     OnEightThreadsAtOnce([&, held = std::move(recorders)](int t) {
       const int id = t + round * 2 * kThreads, a = t % count, b = (t + 1) % count;
+      // Odd rounds bound the queue tightly, so that callers drop frames as they race.
+      if (t == 0) raw[a]->SetMaxQueueBytes(round % 2 ? 16 << 10 : 0);
       starts[a] += Drive(raw[a], id, format);
+      const LocalRecordingQueueStats stats = raw[a]->GetQueueStats();
+      EXPECT_GE(stats.peak_queued_bytes, stats.queued_bytes);
       starts[b] += Drive(raw[b], id + kThreads, count == 1 ? format : media_stream_writer::kWav);
     });
     for (int r = 0; r < count; ++r) ExpectBalancedEvents(clients[r], starts[r]);

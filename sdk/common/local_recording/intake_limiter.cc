@@ -1,0 +1,137 @@
+#include "sdk/common/local_recording/intake_limiter.h"
+
+#include <algorithm>
+
+namespace tarnel {
+namespace recording {
+namespace {
+
+// Samples per channel in one frame: 16-bit interleaved PCM, or one AAC-LC access unit.
+int64_t SamplesIn(const audio::AudioFrame& frame) {
+  if (frame.GetAudioFrameFormat() == audio::kAac) return 1024;
+  if (frame.GetChannels() <= 0) return 0;
+  return static_cast<int64_t>(frame.GetSize() / (2u * static_cast<uint64_t>(frame.GetChannels())));
+}
+
+}  // namespace
+
+void IntakeLimiter::SetLimit(int64_t bytes) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  limit_ = bytes > 0 ? bytes : kDefaultMaxQueueBytes;
+}
+
+int64_t IntakeLimiter::limit() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return limit_;
+}
+
+bool IntakeLimiter::FitsLocked(Stream stream, int64_t bytes, bool* ends_episode) const {
+  const int64_t room = in_episode_ ? limit_ / 2 : limit_;
+  *ends_episode = HeldLocked() + bytes <= room;
+  return *ends_episode || HeldLocked(stream) + bytes <= limit_ / 4;
+}
+
+IntakeLimiter::VideoVerdict IntakeLimiter::AdmitVideo(int64_t bytes, bool key_frame) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  VideoVerdict verdict;
+  bool ends_episode = false;
+  if (!FitsLocked(kVideo, bytes, &ends_episode) || (video_waits_for_key_ && !key_frame)) {
+    video_waits_for_key_ = true;
+    ++dropped_video_;
+    verdict.episode = DropLocked();
+    return verdict;
+  }
+  video_waits_for_key_ = false;
+  verdict.admitted = true;
+  verdict.episode = AdmitLocked(kVideo, bytes, ends_episode);
+  return verdict;
+}
+
+IntakeLimiter::AudioVerdict IntakeLimiter::AdmitAudio(int64_t bytes,
+                                                      const audio::AudioFrame& frame) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  AudioVerdict verdict;
+  bool ends_episode = false;
+  if (!FitsLocked(kAudio, bytes, &ends_episode)) {
+    if (audio_gap_.frames == 0) {
+      audio_gap_.first_timestamp_ms = frame.GetTimestampInMs();
+      audio_gap_.sample_rate = frame.GetSampleRate();
+      audio_gap_.channels = frame.GetChannels();
+      audio_gap_.format = frame.GetAudioFrameFormat();
+    }
+    ++audio_gap_.frames;
+    int64_t samples = SamplesIn(frame);
+    if (frame.GetSampleRate() > 0 && frame.GetSampleRate() != audio_gap_.sample_rate) {
+      samples = samples * audio_gap_.sample_rate / frame.GetSampleRate();
+    }
+    audio_gap_.samples += samples;
+    ++dropped_audio_;
+    verdict.episode = DropLocked();
+    return verdict;
+  }
+  verdict.admitted = true;
+  verdict.gap = audio_gap_;
+  audio_gap_ = AudioGap();
+  verdict.episode = AdmitLocked(kAudio, bytes, ends_episode);
+  return verdict;
+}
+
+IntakeLimiter::Episode IntakeLimiter::DropLocked() {
+  if (in_episode_) return Episode::kUnchanged;
+  in_episode_ = true;
+  ++episodes_;
+  return Episode::kStarted;
+}
+
+IntakeLimiter::Episode IntakeLimiter::AdmitLocked(Stream stream, int64_t bytes, bool ends_episode) {
+  pending_[stream] += bytes;
+  peak_ = std::max(peak_, HeldLocked());
+  if (!in_episode_ || !ends_episode || video_waits_for_key_) return Episode::kUnchanged;
+  in_episode_ = false;
+  return Episode::kEnded;
+}
+
+void IntakeLimiter::TakenIn(Stream stream, int64_t bytes) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  pending_[stream] -= bytes;
+  unreconciled_[stream] += bytes;
+}
+
+void IntakeLimiter::Recount(int64_t video_bytes, int64_t audio_bytes) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  cached_[kVideo] = video_bytes;
+  cached_[kAudio] = audio_bytes;
+  unreconciled_[kVideo] = 0;
+  unreconciled_[kAudio] = 0;
+  peak_ = std::max(peak_, HeldLocked());
+}
+
+int64_t IntakeLimiter::unreconciled_bytes() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return unreconciled_[kVideo] + unreconciled_[kAudio];
+}
+
+void IntakeLimiter::ResetStats() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  peak_ = HeldLocked();
+  dropped_video_ = 0;
+  dropped_audio_ = 0;
+  episodes_ = 0;
+  in_episode_ = false;
+  audio_gap_ = AudioGap();
+}
+
+LocalRecordingQueueStats IntakeLimiter::stats() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  LocalRecordingQueueStats stats;
+  stats.queued_bytes = HeldLocked();
+  stats.peak_queued_bytes = peak_;
+  stats.max_queue_bytes = limit_;
+  stats.dropped_video_frames = dropped_video_;
+  stats.dropped_audio_frames = dropped_audio_;
+  stats.overload_episodes = episodes_;
+  return stats;
+}
+
+}  // namespace recording
+}  // namespace tarnel

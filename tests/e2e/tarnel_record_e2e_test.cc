@@ -409,6 +409,26 @@ TEST_F(TarnelRecordTest, EachInputTakesTheOptionsGivenBeforeIt) {
   EXPECT_NEAR(DecodeAudio(out, 48000).size() / 48000.0, 3.0, 0.05);
 }
 
+// --burst hands the whole sample over at once, into a recorder that may hold 1 MiB:
+// whatever it dropped is reported, every video frame is either written or counted as
+// dropped, and the file still decodes.
+TEST_F(TarnelRecordTest, BurstIntoABoundedQueueReportsWhatWasDropped) {
+  const std::string out = Output("burst.mp4");
+  const CommandResult run = RunCommand(kTool + " --json --burst --max-queue-mb 1 -i " +
+                                       Quote(kSample) + " -o " + Quote(out));
+  ASSERT_EQ(run.exit_code, 0) << run.output;
+  for (const char* field :
+       {"dropped_video_frames", "dropped_audio_frames", "overload_episodes", "peak_queued_bytes"}) {
+    EXPECT_NE(JsonField(run.output, field), "") << field << " in " << run.output;
+  }
+  EXPECT_EQ(std::stoll(JsonField(run.output, "video_frames_written")) +
+                std::stoll(JsonField(run.output, "dropped_video_frames")),
+            300)
+      << run.output;
+  EXPECT_GT(std::stoll(JsonField(run.output, "peak_queued_bytes")), 0);
+  ExpectStreams(out, {"h264", "aac"});
+}
+
 TEST_F(TarnelRecordTest, SegmentsArePlayableOnTheirOwnAndLoseNothing) {
   const std::string out = Output("seg.mp4");
   const CommandResult run = Record("--segment 3 -i " + Quote(kSample) + " -o " + Quote(out));

@@ -141,7 +141,7 @@ class ToolClient : public LocalRecording::Client {
     changed_.notify_all();
   }
 
-  void OnRecordingProgress(LocalRecording*, int64_t duration_ms) override {
+  void OnRecordingProgress(LocalRecording* recorder, int64_t duration_ms) override {
     recorded_ms_ = duration_ms;
     if (!show_progress_) return;
     const auto now = Clock::now();
@@ -152,6 +152,8 @@ class ToolClient : public LocalRecording::Client {
     status.media_ms = duration_ms;
     status.bytes = TotalSize(Files());
     status.wall_seconds = std::chrono::duration<double>(now - started_at_).count();
+    const tarnel::recording::LocalRecordingQueueStats queue = recorder->GetQueueStats();
+    status.dropped_frames = queue.dropped_video_frames + queue.dropped_audio_frames;
     std::fprintf(stderr, "%s%s%s", terminal_ ? "\r" : "", FormatStatusLine(status).c_str(),
                  terminal_ ? "  " : "\n");
     std::fflush(stderr);
@@ -342,6 +344,7 @@ int Run(const Options& options) {
     std::fprintf(stderr, "error: cannot create the recorder\n");
     return 2;
   }
+  if (options.max_queue_mb) recorder->SetMaxQueueBytes(*options.max_queue_mb << 20);
   recorder->Start(params);
   const InternalError start_result = client.WaitForStart();
   if (start_result != tarnel::recording::kOk) {
@@ -446,6 +449,8 @@ int Run(const Options& options) {
 
   recorder->Stop();
   client.WaitForEnd();
+  // The recording's counts stay until the next Start.
+  const tarnel::recording::LocalRecordingQueueStats queue = recorder->GetQueueStats();
   recorder = nullptr;
   client.EndProgressLine();
 
@@ -466,10 +471,15 @@ int Run(const Options& options) {
     std::printf(
         "], \"video_frames_in\": %lld, \"audio_frames_in\": %lld, "
         "\"video_frames_written\": %lld, \"audio_frames_written\": %lld, "
+        "\"dropped_video_frames\": %lld, \"dropped_audio_frames\": %lld, "
+        "\"overload_episodes\": %lld, \"peak_queued_bytes\": %lld, "
         "\"wall_seconds\": %.3f, \"interrupted\": %s}\n",
         static_cast<long long>(video_in.load()), static_cast<long long>(audio_in.load()),
-        static_cast<long long>(video_written), static_cast<long long>(audio_written), seconds,
-        g_interrupted ? "true" : "false");
+        static_cast<long long>(video_written), static_cast<long long>(audio_written),
+        static_cast<long long>(queue.dropped_video_frames),
+        static_cast<long long>(queue.dropped_audio_frames),
+        static_cast<long long>(queue.overload_episodes),
+        static_cast<long long>(queue.peak_queued_bytes), seconds, g_interrupted ? "true" : "false");
   } else {
     std::printf("result:   %s\n", InternalErrorToString(result).c_str());
     std::printf("duration: %.3f s\n", client.duration_ms() / 1000.0);
@@ -481,6 +491,14 @@ int Run(const Options& options) {
                 static_cast<long long>(video_in.load()), static_cast<long long>(video_written));
     std::printf("audio:    %lld frames handed over, %lld written\n",
                 static_cast<long long>(audio_in.load()), static_cast<long long>(audio_written));
+    std::printf("dropped:  %lld video frames, %lld audio frames, in %lld overload episode%s\n",
+                static_cast<long long>(queue.dropped_video_frames),
+                static_cast<long long>(queue.dropped_audio_frames),
+                static_cast<long long>(queue.overload_episodes),
+                queue.overload_episodes == 1 ? "" : "s");
+    std::printf("queue:    peak %s held, of at most %s\n",
+                HumanSize(queue.peak_queued_bytes).c_str(),
+                HumanSize(queue.max_queue_bytes).c_str());
   }
   if (!read_error.empty())
     std::fprintf(stderr, "warning: input stopped early: %s\n", read_error.c_str());

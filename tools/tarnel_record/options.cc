@@ -69,7 +69,8 @@ Recording:
   --aac-encoder NAME      tarnel (ours), twoloop or fast (libavcodec's coders) for PCM
                           encoded to AAC                                (default: tarnel)
   --max-queue-mb N        media the recorder may hold before it drops frames, in MiB
-                                                                        (default: 64)
+                                                                        (default: )" +
+         std::to_string(tarnel::recording::kDefaultMaxQueueBytes >> 20) + R"()
 
 Pacing:
   --realtime              hand frames over at their own timestamps from a video and an

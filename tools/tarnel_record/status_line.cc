@@ -28,10 +28,11 @@ std::string FormatStatusLine(const RecordingStatus& status) {
   }
   char line[192];
   std::snprintf(line, sizeof(line),
-                "time=%02lld:%02lld:%02lld.%02lld size=%10s bitrate=%14s speed=%7s",
+                "time=%02lld:%02lld:%02lld.%02lld size=%10s bitrate=%14s speed=%7s drop=%lld",
                 static_cast<long long>(centis / 360000), static_cast<long long>(centis / 6000 % 60),
                 static_cast<long long>(centis / 100 % 60), static_cast<long long>(centis % 100),
-                HumanSize(status.bytes).c_str(), bitrate, speed);
+                HumanSize(status.bytes).c_str(), bitrate, speed,
+                static_cast<long long>(status.dropped_frames));
   return line;
 }
 

@@ -154,8 +154,9 @@ class ToolClient : public LocalRecording::Client {
     status.wall_seconds = std::chrono::duration<double>(now - started_at_).count();
     const tarnel::recording::LocalRecordingQueueStats queue = recorder->GetQueueStats();
     status.dropped_frames = queue.dropped_video_frames + queue.dropped_audio_frames;
-    std::fprintf(stderr, "%s%s%s", terminal_ ? "\r" : "", FormatStatusLine(status).c_str(),
-                 terminal_ ? "  " : "\n");
+    // On a terminal the cursor is left at the start of the line, as ffmpeg does: the
+    // next status line, or a log message, is written over it.
+    std::fprintf(stderr, "%s%s", FormatStatusLine(status).c_str(), terminal_ ? "  \r" : "\n");
     std::fflush(stderr);
   }
 

@@ -22,8 +22,10 @@
 // Reported: CPU of the process (getrusage) as % of one core, CPU the rest of the machine
 // used meanwhile (/proc/stat), video frames handed over / accepted, audio handed over vs.
 // accepted, hand-over-to-writer latency p50/p99/max, how late the feeders were (p99),
-// and VmRSS per recorder (peak VmRSS during the run minus the VmRSS before the
-// recorders were made, / N). A run "sustains" N when no video frame is lost, no
+// VmRSS per recorder (VmRSS minus the VmRSS before the recorders were made, / N) at the
+// peak, after the first third of the run and at its end, so that growth shows, and the
+// frames the recorders dropped because their queue bound was reached (GetQueueStats;
+// --max-queue-mb sets the bound). A run "sustains" N when no frame is lost or dropped, no
 // recorder is short of more than 100 ms of audio and the p99 latency is under 500 ms.
 // --sweep runs each N in a child process and reports the largest N sustained.
 #include <sys/resource.h>
@@ -106,6 +108,7 @@ struct Options {
   std::string wav;  // 48 kHz stereo s16 WAV to loop; overrides `audio`.
   std::string out_dir;
   std::vector<int> sweep_list;
+  int max_queue_mb = 0;  // 0: the recorder's default bound.
 };
 
 // ---------------------------------------------------------------------------------------
@@ -411,6 +414,10 @@ struct RunResult {
   double p50_ms = 0, p99_ms = 0, max_ms = 0;
   double late_p99_ms = 0;
   double rss_per_recorder_mib = 0;
+  double rss_third_mib = 0;  // Per recorder, after the first third of the run.
+  double rss_end_mib = 0;    // Per recorder, at its end.
+  int64_t dropped_video = 0;
+  int64_t dropped_audio = 0;
   int failed_recordings = 0;
   bool sustained = false;
 };
@@ -519,6 +526,9 @@ RunResult RunOnce(const Options& options, const Input& input, const std::string&
     params.stereo_audio = true;
     // The writer for recorder i is made inside Start; one Start at a time.
     shared.next_recorder = i;
+    if (options.max_queue_mb > 0) {
+      recorders.back()->SetMaxQueueBytes(int64_t{options.max_queue_mb} << 20);
+    }
     recorders.back()->Start(params);
     if (clients.back()->WaitStarted() != tarnel::recording::kOk) {
       std::fprintf(stderr, "error: recorder %d did not start\n", i);
@@ -543,9 +553,15 @@ RunResult RunOnce(const Options& options, const Input& input, const std::string&
 
   std::atomic<bool> sampling{true};
   std::atomic<int64_t> rss_peak{0};
+  std::atomic<int64_t> rss_third{0};  // Sampled once a third of the run is over.
+  std::atomic<int64_t> rss_last{0};
   std::thread sampler([&] {
+    const Clock::time_point third = start + std::chrono::seconds(options.seconds) / 3;
     while (sampling) {
-      rss_peak = std::max<int64_t>(rss_peak, VmRssKiB());
+      const int64_t rss = VmRssKiB();
+      rss_peak = std::max<int64_t>(rss_peak, rss);
+      rss_last = rss;
+      if (rss_third == 0 && Clock::now() >= third) rss_third = rss;
       std::this_thread::sleep_for(std::chrono::milliseconds(250));
     }
   });
@@ -568,6 +584,11 @@ RunResult RunOnce(const Options& options, const Input& input, const std::string&
   for (auto& recorder : recorders) recorder->Stop();
   for (auto& client : clients) {
     if (client->WaitCompleted() != tarnel::recording::kOk) ++result.failed_recordings;
+  }
+  for (auto& recorder : recorders) {
+    const tarnel::recording::LocalRecordingQueueStats queue = recorder->GetQueueStats();
+    result.dropped_video += queue.dropped_video_frames;
+    result.dropped_audio += queue.dropped_audio_frames;
   }
   recorders.clear();
   g_shared = nullptr;
@@ -601,10 +622,12 @@ RunResult RunOnce(const Options& options, const Input& input, const std::string&
       latencies.empty() ? 0 : *std::max_element(latencies.begin(), latencies.end()) / 1000.0;
   result.late_p99_ms = Percentile(&lateness, 0.99);
   result.rss_per_recorder_mib = (rss_peak - rss_before) / 1024.0 / std::max(n, 1);
-  result.sustained = result.failed_recordings == 0 &&
-                     result.video_accepted == result.video_handed && result.video_refused == 0 &&
-                     result.unmatched == 0 && result.audio_short_max_ms <= kMaxAudioShortMs &&
-                     result.p99_ms < kMaxP99Ms;
+  result.rss_third_mib = (rss_third - rss_before) / 1024.0 / std::max(n, 1);
+  result.rss_end_mib = (rss_last - rss_before) / 1024.0 / std::max(n, 1);
+  result.sustained = result.failed_recordings == 0 && result.dropped_video == 0 &&
+                     result.dropped_audio == 0 && result.video_accepted == result.video_handed &&
+                     result.video_refused == 0 && result.unmatched == 0 &&
+                     result.audio_short_max_ms <= kMaxAudioShortMs && result.p99_ms < kMaxP99Ms;
   return result;
 }
 
@@ -612,29 +635,34 @@ std::string ResultLine(const RunResult& r) {
   char line[512];
   std::snprintf(
       line, sizeof(line),
-      "result %d %.1f %.1f %lld %lld %lld %lld %.2f %.2f %.1f %.1f %.1f %.1f %.1f %.2f %d %d",
+      "result %d %.1f %.1f %lld %lld %lld %lld %.2f %.2f %.1f %.1f %.1f %.1f %.1f %.2f %.2f %.2f "
+      "%lld %lld %d %d",
       r.recorders, r.cpu_percent, r.other_percent, static_cast<long long>(r.video_handed),
       static_cast<long long>(r.video_accepted), static_cast<long long>(r.video_refused),
       static_cast<long long>(r.unmatched), r.audio_handed_s, r.audio_accepted_s,
       r.audio_short_max_ms, r.p50_ms, r.p99_ms, r.max_ms, r.late_p99_ms, r.rss_per_recorder_mib,
-      r.failed_recordings, r.sustained ? 1 : 0);
+      r.rss_third_mib, r.rss_end_mib, static_cast<long long>(r.dropped_video),
+      static_cast<long long>(r.dropped_audio), r.failed_recordings, r.sustained ? 1 : 0);
   return line;
 }
 
 bool ParseResultLine(const std::string& line, RunResult* r) {
   std::istringstream in(line);
   std::string word;
-  long long handed, accepted, refused, unmatched;
+  long long handed, accepted, refused, unmatched, dropped_video, dropped_audio;
   int sustained;
   in >> word >> r->recorders >> r->cpu_percent >> r->other_percent >> handed >> accepted >>
       refused >> unmatched >> r->audio_handed_s >> r->audio_accepted_s >> r->audio_short_max_ms >>
       r->p50_ms >> r->p99_ms >> r->max_ms >> r->late_p99_ms >> r->rss_per_recorder_mib >>
+      r->rss_third_mib >> r->rss_end_mib >> dropped_video >> dropped_audio >>
       r->failed_recordings >> sustained;
   if (!in || word != "result") return false;
   r->video_handed = handed;
   r->video_accepted = accepted;
   r->video_refused = refused;
   r->unmatched = unmatched;
+  r->dropped_video = dropped_video;
+  r->dropped_audio = dropped_audio;
   r->sustained = sustained != 0;
   return true;
 }
@@ -644,20 +672,23 @@ void PrintHeader() {
       "| N | CPU %% of a core | CPU %% per recorder | others' CPU %% | video handed / accepted "
       "| refused / unmatched | audio handed / accepted s | worst audio short ms | latency p50 / "
       "p99 / max ms "
-      "| feeder late p99 ms | RSS MiB per recorder | failed | sustained |\n"
-      "|---:|---:|---:|---:|---|---:|---|---:|---|---:|---:|---:|---|\n");
+      "| feeder late p99 ms | RSS MiB per recorder: peak / at 1/3 / end | dropped video / audio "
+      "| failed | sustained |\n"
+      "|---:|---:|---:|---:|---|---:|---|---:|---|---:|---|---|---:|---|\n");
 }
 
 void PrintRow(const RunResult& r) {
   std::printf(
       "| %d | %.1f | %.2f | %.1f | %lld / %lld | %lld / %lld | %.1f / %.1f | %.0f | %.0f / %.0f / "
       "%.0f "
-      "| %.1f | %.2f | %d | %s |\n",
+      "| %.1f | %.2f / %.2f / %.2f | %lld / %lld | %d | %s |\n",
       r.recorders, r.cpu_percent, r.cpu_percent / std::max(r.recorders, 1), r.other_percent,
       static_cast<long long>(r.video_handed), static_cast<long long>(r.video_accepted),
       static_cast<long long>(r.video_refused), static_cast<long long>(r.unmatched),
       r.audio_handed_s, r.audio_accepted_s, r.audio_short_max_ms, r.p50_ms, r.p99_ms, r.max_ms,
-      r.late_p99_ms, r.rss_per_recorder_mib, r.failed_recordings, r.sustained ? "yes" : "no");
+      r.late_p99_ms, r.rss_per_recorder_mib, r.rss_third_mib, r.rss_end_mib,
+      static_cast<long long>(r.dropped_video), static_cast<long long>(r.dropped_audio),
+      r.failed_recordings, r.sustained ? "yes" : "no");
   std::fflush(stdout);
 }
 
@@ -678,12 +709,12 @@ void RemoveDir(const std::string& dir) {
 // Runs one N in a child process (a fresh heap for the RSS figure).
 bool RunChild(const Options& options, const std::string& self, const std::string& h264, int n,
               RunResult* result) {
-  std::string command = "'" + self + "' --machine --recorders " + std::to_string(n) +
-                        " --seconds " + std::to_string(options.seconds) + " --pacers " +
-                        std::to_string(options.pacers) + " --h264 '" + h264 + "'" +
-                        (options.aac_coder.empty() ? "" : " --aac-coder " + options.aac_coder) +
-                        " --audio " + options.audio +
-                        (options.wav.empty() ? "" : " --wav '" + options.wav + "'");
+  std::string command =
+      "'" + self + "' --machine --recorders " + std::to_string(n) + " --seconds " +
+      std::to_string(options.seconds) + " --pacers " + std::to_string(options.pacers) +
+      " --max-queue-mb " + std::to_string(options.max_queue_mb) + " --h264 '" + h264 + "'" +
+      (options.aac_coder.empty() ? "" : " --aac-coder " + options.aac_coder) + " --audio " +
+      options.audio + (options.wav.empty() ? "" : " --wav '" + options.wav + "'");
   if (!options.out_dir.empty()) command += " --out-dir '" + options.out_dir + "'";
   FILE* pipe = popen(command.c_str(), "r");
   if (pipe == nullptr) return false;
@@ -712,12 +743,14 @@ void Usage() {
       "                 root); synthetic: the built-in music-like loop, 8 s (default: music)\n"
       "  --wav FILE     48 kHz stereo s16 WAV to loop instead              (default: none)\n"
       "  --out-dir DIR  where the MP4s go (a temp dir under it)          (default /tmp)\n"
+      "  --max-queue-mb M  each recorder's queue bound          (default: the recorder's, 64)\n"
       "  --keep         keep the MP4s\n"
       "  --aac-coder C  tarnel (the recorder's own encoder), or twoloop or fast:\n"
       "                 libavcodec's coder, put in through the encoder factory (default: tarnel)\n"
       "  --sweep        N = 10, 25, 50, 75, 100, 150, 200, ... until one fails, then halves\n"
       "                 the gap; or the given list. Reports the largest N sustained: no video\n"
-      "                 frame lost, no recorder short of more than 100 ms of audio, p99\n"
+      "                 frame lost or dropped, no recorder short of more than 100 ms of audio, "
+      "p99\n"
       "                 hand-over-to-writer latency under 500 ms.\n");
 }
 
@@ -760,6 +793,8 @@ int main(int argc, char** argv) {
         return 1;
       }
       options.aac_coder = coder;
+    } else if (arg == "--max-queue-mb") {
+      options.max_queue_mb = std::atoi(next().c_str());
     } else if (arg == "--keep") {
       options.keep = true;
     } else if (arg == "--machine") {

@@ -114,6 +114,15 @@ bool TaskQueue::PostTask(const Location& from_here, OnceClosure task) {
   return false;
 }
 
+bool TaskQueue::PostTaskWithoutWakeUp(const Location& from_here, OnceClosure task) {
+  if (Enqueue(from_here, task, /*delayed=*/false, TimeDelta(), /*cancelable=*/false,
+              /*wake=*/false) != 0) {
+    return true;
+  }
+  task.Reset();
+  return false;
+}
+
 bool TaskQueue::PostDelayedTask(const Location& from_here, OnceClosure task, TimeDelta delay) {
   if (Enqueue(from_here, task, /*delayed=*/true, delay, /*cancelable=*/false) != 0) return true;
   task.Reset();
@@ -133,7 +142,7 @@ DelayedTaskHandle TaskQueue::PostCancelableDelayedTask(const Location& from_here
 bool TaskQueue::RunsTasksInCurrentSequence() const { return CurrentTaskRunner() == this; }
 
 uint64_t TaskQueue::Enqueue(const Location& from_here, OnceClosure& task, bool delayed,
-                            TimeDelta delay, bool cancelable) {
+                            TimeDelta delay, bool cancelable, bool wake_thread) {
   if (task.is_null()) return 0;
   uint64_t sequence = 0;
   bool wake = false;
@@ -145,7 +154,7 @@ uint64_t TaskQueue::Enqueue(const Location& from_here, OnceClosure& task, bool d
     const TimeTicks now = clock_->NowTicks();
     if (!delayed) {
       immediate_.push_back(ImmediateTask{std::move(task), from_here, now, sequence});
-      wake = thread_waiting_;
+      wake = thread_waiting_ && (wake_thread || simulated_clock_);
     } else {
       const TimeTicks due = delay.is_positive() ? now + delay : now;
       const DelayedKey key(due.InMicroseconds(), sequence);

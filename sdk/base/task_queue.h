@@ -62,6 +62,9 @@ class TaskQueue final : public TaskRunner, public ClockWaiter {
 
   // TaskRunner:
   bool PostTask(const Location& from_here, OnceClosure task) override;
+  // On a simulated clock this wakes the thread like PostTask: virtual time only moves
+  // when the queue is idle, so a task left waiting would stall it.
+  bool PostTaskWithoutWakeUp(const Location& from_here, OnceClosure task) override;
   bool PostDelayedTask(const Location& from_here, OnceClosure task, TimeDelta delay) override;
   DelayedTaskHandle PostCancelableDelayedTask(const Location& from_here, OnceClosure task,
                                               TimeDelta delay) override;
@@ -100,11 +103,12 @@ class TaskQueue final : public TaskRunner, public ClockWaiter {
 
   ~TaskQueue() override;
 
-  // Queues a task; `delayed` selects the delayed map. Returns the sequence, or 0 when the
-  // queue no longer accepts tasks (the task is then left in `task` for the caller to
-  // destroy after the lock is released).
+  // Queues a task; `delayed` selects the delayed map; `wake_thread` false leaves a sleeping
+  // thread asleep. Returns the sequence, or 0 when the queue no longer accepts tasks
+  // (the task is then left in `task` for the caller to destroy after the lock is
+  // released).
   uint64_t Enqueue(const Location& from_here, OnceClosure& task, bool delayed, TimeDelta delay,
-                   bool cancelable);
+                   bool cancelable, bool wake_thread = true);
 
   // The latest ready time that may run now: the clock's now, or the shutdown time.
   TimeTicks RunLimitLocked() const;

@@ -15,6 +15,7 @@
 #define SDK_BASE_TASK_RUNNER_H_
 
 #include <cstdint>
+#include <utility>
 
 #include "sdk/base/callback.h"
 #include "sdk/base/location.h"
@@ -57,6 +58,15 @@ class TaskRunner : public RefCountedThreadSafe<TaskRunner> {
   // Queues `task` to run as soon as the tasks before it have run. Returns false, and
   // destroys the task at once, when the runner no longer accepts tasks.
   virtual bool PostTask(const Location& from_here, OnceClosure task) = 0;
+
+  // As PostTask, in the same order, but a thread that sleeps is not woken for it: the
+  // task runs when the thread next wakes, for a delayed task that falls due or another
+  // post. For a steady flow of small tasks that may wait for a timer the poster knows to
+  // be running, saving a wake-up per task. Runners that cannot tell the difference post
+  // normally.
+  virtual bool PostTaskWithoutWakeUp(const Location& from_here, OnceClosure task) {
+    return PostTask(from_here, std::move(task));
+  }
 
   // Queues `task` to run once `delay` has passed on clock(). A delay of zero or less
   // makes it ready at once. Delayed tasks that are not due when the runner stops are

@@ -127,6 +127,43 @@ TEST(ThreadTest, ReadyTimeOrderCancellationAndStop) {
   thread.Stop();  // Idempotent.
 }
 
+TEST(ThreadTest, TaskPostedWithoutWakeUpKeepsItsPlaceAndRunsAtTheNextWakeUp) {
+  // Real clock: the sleeping thread is left asleep, and the task runs when a later post
+  // or a due timer wakes it, before them, as its earlier ready time says.
+  {
+    Thread thread("lazy");
+    ASSERT_TRUE(thread.Start());
+    scoped_refptr<TaskRunner> runner = thread.task_runner();
+    std::string ran;  // Read once the thread stopped.
+    std::atomic<bool> posted{false};
+    std::atomic<bool> done{false};
+    runner->PostTaskWithoutWakeUp(FROM_HERE, Record(&ran, 'L'));
+    runner->PostTask(FROM_HERE, BindOnce([&] {
+                       ran.push_back('P');
+                       posted = true;
+                       runner->PostDelayedTask(FROM_HERE, BindOnce([&] {
+                                                 ran.push_back('T');
+                                                 done = true;
+                                               }),
+                                               TimeDelta::FromMilliseconds(20));
+                     }));
+    while (!posted) std::this_thread::yield();
+    runner->PostTaskWithoutWakeUp(FROM_HERE, Record(&ran, 'M'));
+    while (!done) std::this_thread::yield();
+    thread.Stop();
+    EXPECT_EQ(ran, "LPMT");
+  }
+  // Simulated clock: the queue must look busy until the task ran, or time could not move.
+  SimulatedClock clock;
+  Thread thread("lazy-sim", &clock);
+  ASSERT_TRUE(thread.Start());
+  std::string ran;
+  thread.task_runner()->PostTaskWithoutWakeUp(FROM_HERE, Record(&ran, 'L'));
+  clock.RunUntilIdle();
+  EXPECT_EQ(ran, "L");
+  thread.Stop();
+}
+
 TEST(ThreadTest, ThreadOwnedByAnotherClockThreadStopsWhileTimeMoves) {
   SimulatedClock clock;
   ScopedTickClockOverrideForTesting use_clock(&clock);

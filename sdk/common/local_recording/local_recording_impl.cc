@@ -125,9 +125,8 @@ void LocalRecordingImpl::WriteVideoFrame(std::unique_ptr<video::VideoFrame> fram
       limiter_.AdmitVideo(bytes, frame->frame_type == video::kKeyFrame);
   LogOverload(verdict.episode);
   if (!verdict.admitted) return;
-  task_runner_->PostTask(FROM_HERE,
-                         tarn_base::BindOnce(&LocalRecordingImpl::TakeInVideoFrame,
-                                             tarn_base::Unretained(this), std::move(frame), bytes));
+  PostFrameTask(tarn_base::BindOnce(&LocalRecordingImpl::TakeInVideoFrame,
+                                    tarn_base::Unretained(this), std::move(frame), bytes));
 }
 
 void LocalRecordingImpl::WriteAudioFrame(std::unique_ptr<audio::AudioFrame> frame) {
@@ -150,9 +149,21 @@ void LocalRecordingImpl::WriteAudioFrame(std::unique_ptr<audio::AudioFrame> fram
   const IntakeLimiter::AudioVerdict verdict = limiter_.AdmitAudio(bytes, *frame);
   LogOverload(verdict.episode);
   if (!verdict.admitted) return;
-  task_runner_->PostTask(FROM_HERE, tarn_base::BindOnce(&LocalRecordingImpl::TakeInAudioFrame,
-                                                        tarn_base::Unretained(this),
-                                                        std::move(frame), bytes, verdict.gap));
+  PostFrameTask(tarn_base::BindOnce(&LocalRecordingImpl::TakeInAudioFrame,
+                                    tarn_base::Unretained(this), std::move(frame), bytes,
+                                    verdict.gap));
+}
+
+void LocalRecordingImpl::PostFrameTask(tarn_base::OnceClosure task) {
+  // While the write timer runs, a frame can wait for the worker's next wake-up (150 ms
+  // at most): it is only cached until the next writing pass anyway. That saves a
+  // wake-up per frame. A frame posted this way just as the recording ends waits for the
+  // next post.
+  if (frames_wait_for_timer_.load(std::memory_order_relaxed)) {
+    task_runner_->PostTaskWithoutWakeUp(FROM_HERE, std::move(task));
+  } else {
+    task_runner_->PostTask(FROM_HERE, std::move(task));
+  }
 }
 
 void LocalRecordingImpl::SetMaxQueueBytes(int64_t bytes) { limiter_.SetLimit(bytes); }
@@ -320,6 +331,7 @@ void LocalRecordingImpl::NotifyComplete(InternalError error, int64_t file_size) 
 }
 
 void LocalRecordingImpl::Reset() {
+  frames_wait_for_timer_.store(false, std::memory_order_relaxed);
   writer_.reset();
   aac_encoder_.reset();
   progress_timer_.Stop();
@@ -655,6 +667,7 @@ bool LocalRecordingImpl::StartMuxerIfNeeded() {
   process_timer_.Start(
       FROM_HERE, tarn_base::TimeDelta::FromMilliseconds(kWriteIntervalMs),
       tarn_base::BindRepeating(&LocalRecordingImpl::Process, tarn_base::Unretained(this)));
+  frames_wait_for_timer_.store(true, std::memory_order_relaxed);
   if (params_.progress_interval_ms >= 1) {
     progress_timer_.Start(
         FROM_HERE, tarn_base::TimeDelta::FromMilliseconds(params_.progress_interval_ms),

@@ -2,11 +2,10 @@
 //
 // One worker thread ("recording") owns every member below except task_runner_ (set once
 // in the constructor, read by the posting methods on callers' threads), limiter_
-// (thread-safe) and encode_params_ (written by SetEncodeParams on the caller's thread,
-// read by nothing).
-// Public calls post to the worker; timers fire on it; the writer's segment notices
-// arrive on it. Posted tasks and timer callbacks hold the recorder by plain pointer:
-// the destructor stops the thread, running what was posted, before any member goes.
+// (thread-safe), frames_wait_for_timer_ (atomic) and encode_params_ (written by SetEncodeParams on
+// the caller's thread, read by nothing). Public calls post to the worker; timers fire on it; the
+// writer's segment notices arrive on it. Posted tasks and timer callbacks hold the recorder by
+// plain pointer: the destructor stops the thread, running what was posted, before any member goes.
 //
 // Life of a recording: StartImpl checks the output and creates the writer; intake
 // caches frames until the streams of the record type have arrived; StartMuxerIfNeeded
@@ -17,6 +16,7 @@
 #ifndef SDK_COMMON_LOCAL_RECORDING_LOCAL_RECORDING_IMPL_H_
 #define SDK_COMMON_LOCAL_RECORDING_LOCAL_RECORDING_IMPL_H_
 
+#include <atomic>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -104,6 +104,8 @@ class LocalRecordingImpl
   // stream would otherwise close up, losing sync.
   void FillDroppedAudio(const IntakeLimiter::AudioGap& gap);
   void LogOverload(IntakeLimiter::Episode episode);
+  // Callers' threads: posts an admitted frame's task to the worker.
+  void PostFrameTask(tarn_base::OnceClosure task);
   // Tells the limiter what the caches and the encoder's input queue hold.
   void Recount();
   // Tells the limiter what the caches hold, when the figure it has may be stale.
@@ -149,6 +151,8 @@ class LocalRecordingImpl
 
   // Thread-safe; admits frames on callers' threads, told by the worker what it holds.
   IntakeLimiter limiter_;
+  // Set by the worker while the write timer runs, read by callers' threads.
+  std::atomic<bool> frames_wait_for_timer_{false};
 
   // Constant after construction.
   tarn_base::Thread thread_;

@@ -33,7 +33,7 @@ fail() {
 # FFmpeg's development headers, wherever the system keeps them.
 ffmpeg_header_re='/lib(avformat|avcodec|avutil|avdevice|avfilter|swresample|swscale|postproc)/'
 # The library's own headers, which an application never includes.
-internal_header_re='ffmpeg/|task_queue|task_runner|thread\.h|timer\.h|mp4/|aac/|_impl\.h|segmentation_writer|container_muxer|output_file|stream_metadata|video_parser|audio_encoder|audio_resampler|ring_buffer|callback\.h|file(_path|_util)?\.h|simulated_clock'
+internal_header_re='ffmpeg/|task_queue|task_runner|thread\.h|timer\.h|mp4/|aac/|_impl\.h|segmentation_writer|container_muxer|output_file|stream_metadata|video_parser|aac_encoder|audio_resampler|ring_buffer|callback\.h|file(_path|_util)?\.h|simulated_clock'
 
 # The files a make-style dependency list names, one a line.
 deps_of() {

@@ -390,7 +390,7 @@ void LocalRecordingImpl::TakeInAudioFrame(std::unique_ptr<audio::AudioFrame> fra
   RecountIfNeeded();
 }
 
-void LocalRecordingImpl::Recount() {
+int64_t LocalRecordingImpl::Recount() {
   int64_t video = 0;
   for (const auto& entry : video_frame_cache_) {
     if (entry.second) {
@@ -407,6 +407,7 @@ void LocalRecordingImpl::Recount() {
   }
   if (audio_ring_buffer_) audio += audio_ring_buffer_->GetSizeInBytes();
   limiter_.Recount(video, audio);
+  return video + audio;
 }
 
 void LocalRecordingImpl::RecountIfNeeded() {
@@ -414,7 +415,13 @@ void LocalRecordingImpl::RecountIfNeeded() {
   // recounted after each eighth of the bound. Before, the caches are small (bounded in
   // frames) and nothing else recounts.
   if (muxer_started_ && limiter_.unreconciled_bytes() < limiter_.limit() / 8) return;
-  Recount();
+  const int64_t cached = Recount();
+  // A burst that fills half the bound before the next tick is written at once, as far
+  // as both streams reach, so that the recorder drops only what it cannot process
+  // rather than what arrived between two ticks.
+  if (!muxer_started_ || cached <= limiter_.limit() / 2) return;
+  if (audio_ring_buffer_ && !params_.fill_muted_frame && !EncodeAudioFrame()) return;
+  if (DoProcess(/*flush=*/false)) Recount();
 }
 
 void LocalRecordingImpl::FillDroppedAudio(const IntakeLimiter::AudioGap& gap) {

@@ -106,9 +106,10 @@ class LocalRecordingImpl
   void LogOverload(IntakeLimiter::Episode episode);
   // Callers' threads: posts an admitted frame's task to the worker.
   void PostFrameTask(tarn_base::OnceClosure task);
-  // Tells the limiter what the caches and the encoder's input queue hold.
-  void Recount();
-  // Tells the limiter what the caches hold, when the figure it has may be stale.
+  // Tells the limiter what the caches and the encoder's input queue hold; returns it.
+  int64_t Recount();
+  // Recounts when the limiter's figure may be stale, and writes early when a burst has
+  // filled the caches.
   void RecountIfNeeded();
   void ResampleIfNeeded(audio::AudioFrame* frame);
   bool AudioFrameNeedToEncode(audio::AudioCodecFormat format) const;

@@ -1,12 +1,16 @@
 // Overload: frames delivered faster than the worker takes them in are dropped beyond the
 // queue bound, by rules that keep the file decodable and in sync.
 //
-// On the simulated clock posted tasks run only when the test advances time, so a loop
-// of writes without Advance is a backlog the worker has not touched yet.
+// A burst is written while the worker is held in a task of the test's, so that the
+// whole burst meets the bound before the worker takes any of it in.
 #include <cstdint>
+#include <future>
+#include <memory>
 #include <string>
 #include <vector>
 
+#include "sdk/base/callback.h"
+#include "sdk/common/local_recording/local_recording_impl.h"
 #include "tests/common/local_recording/recorder_fixture.h"
 
 namespace tarnel {
@@ -21,14 +25,25 @@ constexpr int kKeyIntervalMs = 400;
 
 class LocalRecordingOverloadTest : public tarnel_test::RecorderFixture {
  protected:
-  // 20 ms PCM frames and 25 fps video stamped [from, to), a key frame every 400 ms; real
-  // time passes after each audio frame unless `burst`.
-  void Feed(uint32_t from, uint32_t to, bool burst) {
+  // 20 ms PCM frames and 25 fps video stamped [from, to), a key frame every 400 ms; 20 ms
+  // of time pass after each audio frame, or, for a `burst`, none while the worker is held.
+  // Returns the queue as the burst left it.
+  LocalRecordingQueueStats Feed(uint32_t from, uint32_t to, bool burst) {
+    std::promise<void> release;
+    if (burst) {
+      std::shared_future<void> released = release.get_future().share();
+      static_cast<LocalRecordingImpl*>(recorder_.get())
+          ->task_runner()
+          ->PostTask(FROM_HERE, tarn_base::BindOnce([released] { released.wait(); }));
+    }
     for (uint32_t t = from; t < to; t += 20) {
       Pcm(t);
       if (t % 40 == 0) Video(t, t % kKeyIntervalMs == 0);
       if (!burst) Advance(20);
     }
+    const LocalRecordingQueueStats stats = recorder_->GetQueueStats();
+    if (burst) release.set_value();
+    return stats;
   }
   std::vector<int64_t> VideoPts() {
     std::vector<int64_t> out;
@@ -50,8 +65,8 @@ TEST_F(LocalRecordingOverloadTest, BacklogIsDroppedToTheBoundAndTheFileStaysInSy
   recorder_->SetMaxQueueBytes(kSmallBound);
   StartRecording(MakeParams(kMp4, kAudioAndVideo));
   Feed(0, 1000, /*burst=*/false);
-  Feed(1000, 8000, /*burst=*/true);  // 7 s at once: far more than 40 KiB.
-  const LocalRecordingQueueStats during = recorder_->GetQueueStats();
+  // 7 s at once: far more than 40 KiB.
+  const LocalRecordingQueueStats during = Feed(1000, 8000, /*burst=*/true);
   // The bound, and a quarter more that a stream locked out by the other may hold.
   EXPECT_LE(during.queued_bytes, kSmallBound * 5 / 4);
   EXPECT_GT(during.queued_bytes, kSmallBound / 2);
@@ -112,6 +127,23 @@ TEST_F(LocalRecordingOverloadTest, DroppedAudioIsFilledByTheMutedFrameTimerWitho
   EXPECT_TRUE(Rising(audio, /*max_step=*/21 * 5));
   ASSERT_FALSE(audio.empty());
   EXPECT_NEAR(audio.back(), VideoPts().back(), 5 * 20);
+}
+
+TEST_F(LocalRecordingOverloadTest, BurstFillingHalfTheBoundIsWrittenBeforeTheNextTick) {
+  recorder_->SetMaxQueueBytes(kSmallBound);
+  StartRecording(MakeParams(kMp4, kAudioAndVideo));
+  Feed(0, 200, /*burst=*/false);
+  Idle();
+  const size_t before = writer().packets.size();
+  // About 28 KiB held, no time passing: only the early pass can write it.
+  const LocalRecordingQueueStats burst = Feed(200, 440, /*burst=*/true);
+  EXPECT_GT(burst.queued_bytes, kSmallBound / 2);
+  EXPECT_EQ(burst.dropped_audio_frames + burst.dropped_video_frames, 0);
+  Idle();
+  EXPECT_GT(writer().packets.size(), before);
+  EXPECT_LT(recorder_->GetQueueStats().queued_bytes, kSmallBound / 2);
+  StopRecording();
+  EXPECT_EQ(client_.CompletionResults(), std::vector<InternalError>{kOk});
 }
 
 TEST_F(LocalRecordingOverloadTest, DefaultBoundLetsABurstThroughAndCountsStartAgain) {

@@ -51,8 +51,15 @@ constexpr float kGroupEnergyRatio = 8.0f;
 // Energy-weighted tonality above which a frame takes the Kaiser-Bessel-derived window.
 constexpr float kKaiserBesselTonality = 0.6f;
 
-// Frames more tonal than this get no temporal noise shaping.
-constexpr float kTnsMaxTonality = 0.2f;
+// An early sharp attack counts as a rise (one that temporal noise shaping may hide noise
+// under) unless the block's mean power from it on falls under this fraction (-6 dB) of
+// that before it: the click that ends a sound abruptly is sharp too.
+constexpr float kRiseRatio = 0.25f;
+// Frames more tonal than this get no temporal noise shaping: a tone starting or stopping,
+// whose sparse lines predict each other across frequency whatever the envelope. Pitched
+// drums and plucks (tonality 0.2-0.5 at their attacks) keep it: their pre-echo is the
+// worse fault.
+constexpr float kTnsMaxTonality = 0.5f;
 
 // A transient frame may take this share of the reservoir (the frames after it need the
 // rest: an attack's decay is loud too).
@@ -289,9 +296,7 @@ std::shared_ptr<AudioFrame> AacEncoder::Encode(std::shared_ptr<AudioFrame> input
   for (int ch = 0; ch < channels_; ++ch) {
     s.data[ch].tns.present = false;
     // Only for a sharp rise (an abrupt end leaves nothing after it to hide the noise
-    // under), and not on tonal frames (a tone starting or stopping): their sparse lines predict
-    // each other across frequency whatever the envelope, and the filter's noise gain
-    // would land on the tone.
+    // under), and not on tonal frames (see kTnsMaxTonality).
     if (early_rise && s.tonality < kTnsMaxTonality) ShapeNoiseInTime(ch);
   }
   s.any_ms = false;
@@ -315,6 +320,7 @@ WindowSequence AacEncoder::ChooseWindowSequence(bool* early_attack, bool* early_
   bool late = false;
   bool early = false;
   bool early_sharp = false;
+  bool rise = false;
   bool quiet = true;
   for (int ch = 0; ch < channels_; ++ch) {
     const float* block = s.history[ch] + kFrameLength;
@@ -324,9 +330,21 @@ WindowSequence AacEncoder::ChooseWindowSequence(bool* early_attack, bool* early_
     const int covered = kShortStart + kShortWindowLength;
     early = early || (result.first_attack_slice >= 0 &&
                       result.first_attack_slice * aac::TransientDetector::kSliceLength < covered);
-    early_sharp =
-        early_sharp || (result.first_sharp_slice >= 0 &&
-                        result.first_sharp_slice * aac::TransientDetector::kSliceLength < covered);
+    const int sharp_at = result.first_sharp_slice * aac::TransientDetector::kSliceLength;
+    if (result.first_sharp_slice >= 0 && sharp_at < covered) {
+      early_sharp = true;
+      // A rise, not an end: the block from the sharp slice on keeps some of the power of
+      // the half block before it. An abrupt end leaves only silence after its click to
+      // hide shaped noise under.
+      float before = 0.0f;
+      for (int i = kFrameLength / 2; i < kFrameLength + sharp_at; ++i) {
+        before += s.history[ch][i] * s.history[ch][i];
+      }
+      float after = 0.0f;
+      for (int i = sharp_at; i < kFrameLength; ++i) after += block[i] * block[i];
+      rise = rise || after / static_cast<float>(kFrameLength - sharp_at) >
+                         kRiseRatio * before / static_cast<float>(kFrameLength / 2 + sharp_at);
+    }
     float sum = 0.0f;
     for (int i = 0; i < kFrameLength; ++i) sum += block[i] * block[i];
     const float rms = std::sqrt(sum / kFrameLength);
@@ -361,7 +379,7 @@ WindowSequence AacEncoder::ChooseWindowSequence(bool* early_attack, bool* early_
   }
   s.late_attack = late;
   *early_attack = early && sequence != kEightShort;
-  *early_rise = early_sharp && sequence != kEightShort;
+  *early_rise = rise && sequence != kEightShort;
   return sequence;
 }
 

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstring>
+#include <iterator>
 #include <vector>
 
 #include "sdk/base/logging.h"
@@ -282,27 +283,37 @@ std::shared_ptr<AudioFrame> AacEncoder::Encode(std::shared_ptr<AudioFrame> input
   // Strongly tonal audio (as the last frame was) takes the Kaiser-Bessel-derived shape.
   s.previous_shape = s.shape;
   s.shape = s.sequence != kEightShort && s.tonality > kKaiserBesselTonality ? 1 : 0;
-  for (int ch = 0; ch < channels_; ++ch) Transform(ch, s.sequence);
-  if (s.sequence == kEightShort) {
-    GroupShortWindows();
-  } else {
-    s.num_groups = 1;
-    s.group_length[0] = 1;
-  }
+  // Digital silence over the whole window (a pause, or the recorder filling audio it
+  // dropped) transforms to nothing: its frame is planned without the analysis.
+  const bool silent = WindowIsSilent();
   s.pe = 0.0f;
   s.tonality_sum = s.energy_sum = 0.0f;
-  for (int ch = 0; ch < channels_; ++ch) Analyze(ch);
-  s.tonality = s.energy_sum > 0.0f ? s.tonality_sum / s.energy_sum : 0.0f;
-  for (int ch = 0; ch < channels_; ++ch) {
-    s.data[ch].tns.present = false;
-    // Only for a sharp rise (an abrupt end leaves nothing after it to hide the noise
-    // under), and not on tonal frames (see kTnsMaxTonality).
-    if (early_rise && s.tonality < kTnsMaxTonality) ShapeNoiseInTime(ch);
-  }
   s.any_ms = false;
-  if (channels_ == 2) ChooseMidSide();
   s.nonzero_lines = 0;
-  for (int ch = 0; ch < channels_; ++ch) PrepareQuantisation(ch);
+  if (silent) {
+    s.num_groups = 1;
+    s.group_length[0] = s.sequence == kEightShort ? kShortWindows : 1;
+    for (int ch = 0; ch < channels_; ++ch) PlanSilence(ch);
+    s.tonality = 0.0f;
+  } else {
+    for (int ch = 0; ch < channels_; ++ch) Transform(ch, s.sequence);
+    if (s.sequence == kEightShort) {
+      GroupShortWindows();
+    } else {
+      s.num_groups = 1;
+      s.group_length[0] = 1;
+    }
+    for (int ch = 0; ch < channels_; ++ch) Analyze(ch);
+    s.tonality = s.energy_sum > 0.0f ? s.tonality_sum / s.energy_sum : 0.0f;
+    for (int ch = 0; ch < channels_; ++ch) {
+      s.data[ch].tns.present = false;
+      // Only for a sharp rise (an abrupt end leaves nothing after it to hide the noise
+      // under), and not on tonal frames (see kTnsMaxTonality).
+      if (early_rise && s.tonality < kTnsMaxTonality) ShapeNoiseInTime(ch);
+    }
+    if (channels_ == 2) ChooseMidSide();
+    for (int ch = 0; ch < channels_; ++ch) PrepareQuantisation(ch);
+  }
 
   int target = 0;
   int most = 0;
@@ -428,6 +439,31 @@ void AacEncoder::Transform(int channel, WindowSequence sequence) {
     for (int i = 0; i < kFrameLength; ++i) zr[i] = right[i] * long_right[kFrameLength - 1 - i];
   }
   long_mdct_->Forward(z, out);
+}
+
+bool AacEncoder::WindowIsSilent() const {
+  const State& s = *state_;
+  for (int ch = 0; ch < channels_; ++ch) {
+    for (int i = 0; i < kWindowLength; ++i) {
+      if (s.history[ch][i] != 0.0f) return false;
+    }
+  }
+  return true;
+}
+
+void AacEncoder::PlanSilence(int channel) {
+  State& s = *state_;
+  ChannelPlan& plan = s.plan[channel];
+  s.data[channel].tns.present = false;
+  std::memset(s.spectrum[channel], 0, sizeof(s.spectrum[channel]));
+  std::memset(s.magnitude34[channel], 0, sizeof(s.magnitude34[channel]));
+  std::fill(std::begin(s.sign[channel]), std::end(s.sign[channel]), 1);
+  for (int b = 0; b < kMaxBands; ++b) {
+    plan.energy[0][b] = 0.0f;
+    plan.threshold[0][b] = 1.0f;
+    plan.base_sf[0][b] = 1e9f;  // Never coded.
+    plan.min_sf[0][b] = 0;
+  }
 }
 
 void AacEncoder::GroupShortWindows() {

@@ -78,6 +78,10 @@ class AacEncoder : public AudioEncoder {
   // long window.
   aac::WindowSequence ChooseWindowSequence(bool* early_attack, bool* early_rise);
   void Transform(int channel, aac::WindowSequence sequence);
+  // Whether both blocks of every channel are all zero; then PlanSilence stands in for
+  // the transform and the analysis: nothing to code, one window group.
+  bool WindowIsSilent() const;
+  void PlanSilence(int channel);
   void GroupShortWindows();
   void Analyze(int channel);
   // Temporal noise shaping of a long window holding an attack; adjusts the plan.

@@ -25,23 +25,30 @@ int64_t IntakeLimiter::limit() const {
   return limit_;
 }
 
-bool IntakeLimiter::FitsLocked(Stream stream, int64_t bytes, bool* ends_episode) const {
-  const int64_t room = in_episode_ ? limit_ / 2 : limit_;
-  *ends_episode = HeldLocked() + bytes <= room;
-  return *ends_episode || HeldLocked(stream) + bytes <= limit_ / 4;
-}
-
-IntakeLimiter::VideoVerdict IntakeLimiter::AdmitVideo(int64_t bytes, bool key_frame) {
+IntakeLimiter::VideoVerdict IntakeLimiter::AdmitVideo(int64_t bytes, bool key_frame,
+                                                      int64_t pts_ms) {
   std::lock_guard<std::mutex> lock(mutex_);
   VideoVerdict verdict;
+  last_offered_video_ms_ = pts_ms;
+  const int64_t held = HeldLocked() + bytes;
+  const bool may_start = key_frame || !video_waits_for_key_;
   bool ends_episode = false;
-  if (!FitsLocked(kVideo, bytes, &ends_episode) || (video_waits_for_key_ && !key_frame)) {
+  bool admit = false;
+  if (!in_episode_) {
+    admit = held <= limit_ && may_start;
+  } else if (may_start) {
+    ends_episode = held <= limit_ / 2;
+    const bool lets_writer_on = last_admitted_audio_ms_ >= 0 && pts_ms <= last_admitted_audio_ms_;
+    admit = ends_episode || (lets_writer_on && held <= limit_);
+  }
+  if (!admit) {
     video_waits_for_key_ = true;
     ++dropped_video_;
     verdict.episode = DropLocked();
     return verdict;
   }
   video_waits_for_key_ = false;
+  last_admitted_video_ms_ = pts_ms;
   verdict.admitted = true;
   verdict.episode = AdmitLocked(kVideo, bytes, ends_episode);
   return verdict;
@@ -51,8 +58,20 @@ IntakeLimiter::AudioVerdict IntakeLimiter::AdmitAudio(int64_t bytes,
                                                       const audio::AudioFrame& frame) {
   std::lock_guard<std::mutex> lock(mutex_);
   AudioVerdict verdict;
+  const int64_t ts = frame.GetTimestampInMs();
+  const int64_t held = HeldLocked() + bytes;
   bool ends_episode = false;
-  if (!FitsLocked(kAudio, bytes, &ends_episode)) {
+  bool admit = false;
+  if (!in_episode_) {
+    admit = held <= limit_;
+  } else {
+    const bool video_coming =
+        last_offered_video_ms_ >= 0 && ts <= last_offered_video_ms_ + kVideoAbsentMs;
+    ends_episode = !video_coming && held <= limit_ / 2;
+    const bool lets_writer_on = last_admitted_video_ms_ >= 0 && ts <= last_admitted_video_ms_;
+    admit = ends_episode || (lets_writer_on && held <= limit_);
+  }
+  if (!admit) {
     if (audio_gap_.frames == 0) {
       audio_gap_.first_timestamp_ms = frame.GetTimestampInMs();
       audio_gap_.sample_rate = frame.GetSampleRate();
@@ -69,6 +88,7 @@ IntakeLimiter::AudioVerdict IntakeLimiter::AdmitAudio(int64_t bytes,
     verdict.episode = DropLocked();
     return verdict;
   }
+  last_admitted_audio_ms_ = ts;
   verdict.admitted = true;
   verdict.gap = audio_gap_;
   audio_gap_ = AudioGap();
@@ -86,7 +106,7 @@ IntakeLimiter::Episode IntakeLimiter::DropLocked() {
 IntakeLimiter::Episode IntakeLimiter::AdmitLocked(Stream stream, int64_t bytes, bool ends_episode) {
   pending_[stream] += bytes;
   peak_ = std::max(peak_, HeldLocked());
-  if (!in_episode_ || !ends_episode || video_waits_for_key_) return Episode::kUnchanged;
+  if (!in_episode_ || !ends_episode) return Episode::kUnchanged;
   in_episode_ = false;
   return Episode::kEnded;
 }
@@ -119,6 +139,7 @@ void IntakeLimiter::ResetStats() {
   episodes_ = 0;
   in_episode_ = false;
   audio_gap_ = AudioGap();
+  last_admitted_video_ms_ = last_admitted_audio_ms_ = last_offered_video_ms_ = -1;
 }
 
 LocalRecordingQueueStats IntakeLimiter::stats() const {

@@ -6,18 +6,21 @@
 // hold (Recount); a frame that left the caches stops counting at the next recount. So
 // between recounts the held figure errs high, never low.
 //
-// Admission: a frame is admitted when the total held stays within the bound, or, once
-// dropping has started, within half of it, so that an episode ends with room to spare
-// rather than flapping at the edge. Either stream may also add while it holds less than
-// a quarter of the bound by itself: the worker writes the streams interleaved, so a
-// cache full of one stream waits for the other, which must not be locked out. The
-// worker's own silence (filling dropped audio) counts once it is recounted. Memory thus
-// stays within 1.25 times the bound, plus what callers admit at the same instant.
-//
-// Drop rule: a video frame that is not admitted is dropped, and so is every video frame
-// after it up to the next key frame that is admitted, so the file keeps decoding. Audio
-// is dropped in whole frames; the first audio frame admitted afterwards carries a
-// summary of what was dropped before it (AudioGap), so the worker can keep the timeline.
+// Admission: outside an overload episode a frame is admitted when the total held stays
+// within the bound; the first frame that does not fit starts an episode. Within one,
+// both streams stop and restart together, so that the holes in the file cover the same
+// time in both:
+//  - Video restarts at a key frame that fits under half the bound, which ends the
+//    episode (half, so that it ends with room to spare rather than flapping at the
+//    edge). Until then every video frame is dropped, so the file keeps decoding.
+//  - Audio waits for that restart, unless no video is coming (none offered in the last
+//    three seconds of audio time), when it ends the episode itself under half the bound.
+//  - A frame no later than the other stream's last admitted one is still admitted
+//    within the bound: the writer interleaves the streams, and such a frame lets it
+//    write what the caches hold instead of waiting for the other stream forever.
+// Dropped audio is dropped in whole frames; the first audio frame admitted afterwards
+// carries a summary of what was dropped before it (AudioGap), so the worker can keep
+// the timeline. The worker's own silence for that hole counts once it is recounted.
 //
 // Threads: Admit* on callers' threads (any number, concurrently); TakenIn, Recount and
 // ResetStats on the worker; SetLimit and stats() anywhere. One mutex guards everything;
@@ -62,6 +65,9 @@ class IntakeLimiter {
 
   // Per-frame cost beyond the media bytes: the task, the frame object, a cache node.
   static constexpr int64_t kFrameOverheadBytes = 256;
+  // Audio this far (ms) past the last video frame offered is taken to have no video
+  // coming with it.
+  static constexpr int64_t kVideoAbsentMs = 3000;
 
   IntakeLimiter() = default;
   IntakeLimiter(const IntakeLimiter&) = delete;
@@ -70,7 +76,7 @@ class IntakeLimiter {
   // 0 or less restores kDefaultMaxQueueBytes.
   void SetLimit(int64_t bytes);
 
-  VideoVerdict AdmitVideo(int64_t bytes, bool key_frame);
+  VideoVerdict AdmitVideo(int64_t bytes, bool key_frame, int64_t pts_ms);
   AudioVerdict AdmitAudio(int64_t bytes, const audio::AudioFrame& frame);
 
   enum Stream { kVideo = 0, kAudio = 1 };
@@ -89,17 +95,15 @@ class IntakeLimiter {
   LocalRecordingQueueStats stats() const;
 
  private:
-  int64_t HeldLocked(Stream stream) const {
-    return pending_[stream] + unreconciled_[stream] + cached_[stream];
+  int64_t HeldLocked() const {
+    int64_t held = 0;
+    for (int stream : {kVideo, kAudio})
+      held += pending_[stream] + unreconciled_[stream] + cached_[stream];
+    return held;
   }
-  int64_t HeldLocked() const { return HeldLocked(kVideo) + HeldLocked(kAudio); }
-  // Whether `bytes` more of `stream` may be held; `ends_episode` tells whether it may
-  // by the total alone.
-  bool FitsLocked(Stream stream, int64_t bytes, bool* ends_episode) const;
   // Counts a drop; starts an episode when none runs.
   Episode DropLocked();
-  // Holds the admitted bytes; ends the episode when `ends_episode` and no stream still
-  // waits for its restart.
+  // Holds the admitted bytes; ends the episode when `ends_episode`.
   Episode AdmitLocked(Stream stream, int64_t bytes, bool ends_episode);
 
   mutable std::mutex mutex_;
@@ -114,6 +118,11 @@ class IntakeLimiter {
   int64_t episodes_ = 0;
   bool in_episode_ = false;
   bool video_waits_for_key_ = false;
+  // Timestamps (ms) of the last frame admitted of each stream, and of the last video
+  // frame offered; -1 before the first.
+  int64_t last_admitted_video_ms_ = -1;
+  int64_t last_admitted_audio_ms_ = -1;
+  int64_t last_offered_video_ms_ = -1;
   AudioGap audio_gap_;
 };
 

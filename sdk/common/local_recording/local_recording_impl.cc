@@ -45,6 +45,8 @@ constexpr int64_t kMaxLeadInSilenceMs = 60000;
 // Frames written to the ring buffer between two encoding runs while the cached audio
 // is moved at the muxer start.
 constexpr int kFramesPerEncodeRun = 30;
+// Pieces of silence (100 ms each) filled in for dropped audio between two writing passes.
+constexpr int kFillPiecesPerWrite = 10;
 // Shorter delays start the audio timer at once.
 constexpr int64_t kMinAudioTimerDelayMs = 4;
 // Frames waiting in the input cache beyond which a filling tick catches up.
@@ -121,8 +123,8 @@ void LocalRecordingImpl::WriteVideoFrame(std::unique_ptr<video::VideoFrame> fram
   }
   const int64_t bytes =
       static_cast<int64_t>(frame->data.size()) + IntakeLimiter::kFrameOverheadBytes;
-  const IntakeLimiter::VideoVerdict verdict =
-      limiter_.AdmitVideo(bytes, frame->frame_type == video::kKeyFrame);
+  const IntakeLimiter::VideoVerdict verdict = limiter_.AdmitVideo(
+      bytes, frame->frame_type == video::kKeyFrame, static_cast<int64_t>(frame->pts));
   LogOverload(verdict.episode);
   if (!verdict.admitted) return;
   PostFrameTask(tarn_base::BindOnce(&LocalRecordingImpl::TakeInVideoFrame,
@@ -436,6 +438,7 @@ void LocalRecordingImpl::FillDroppedAudio(const IntakeLimiter::AudioGap& gap) {
   // never sits in memory as PCM.
   const int64_t piece_samples = std::max<int64_t>(1, gap.sample_rate / 10);
   const size_t bytes_per_sample = 2u * static_cast<size_t>(gap.channels);
+  int pieces = 0;
   for (int64_t done = 0; done < gap.samples && is_recording_;) {
     const int64_t samples = std::min(piece_samples, gap.samples - done);
     const std::vector<uint8_t> zeros(static_cast<size_t>(samples) * bytes_per_sample, 0);
@@ -451,6 +454,9 @@ void LocalRecordingImpl::FillDroppedAudio(const IntakeLimiter::AudioGap& gap) {
     WriteAudioFrameImpl(std::move(silence), /*follows_dropped_audio=*/true);
     if (is_recording_ && !EncodeAudioFrame()) return;
     done += samples;
+    // Each second of it is written as far as the video reaches (the key frame that
+    // restarted the video is usually cached already), so that a long hole is not held.
+    if (++pieces % kFillPiecesPerWrite == 0 && is_recording_ && !DoProcess(/*flush=*/false)) return;
   }
 }
 

@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "sdk/base/logging.h"
+#include "sdk/media/ffmpeg/ffmpeg_error.h"
 
 extern "C" {
 #include <libavcodec/avcodec.h>
@@ -19,13 +20,6 @@ namespace {
 
 constexpr tarn_logging::LogConfig kLogConfig{"media_stream_writer"};
 constexpr int kIoBufferSize = 64 * 1024;
-
-// FFmpeg's text for a negative error code. (av_err2str is a C compound literal.)
-std::string AvErrorText(int error) {
-  char text[AV_ERROR_MAX_STRING_SIZE] = {};
-  av_strerror(error, text, sizeof(text));
-  return text;
-}
 
 const char* MuxerName(ContainerMuxer::Container container) {
   switch (container) {
@@ -122,7 +116,7 @@ bool FfmpegContainerMuxer::Open() {
       avformat_alloc_output_context2(&context_, nullptr, MuxerName(container_), path().c_str());
   if (result < 0 || context_ == nullptr) {
     TARN_LOG(tarn_logging::LS_ERROR, kLogConfig, this)
-        << "no " << MuxerName(container_) << " muxer: " << AvErrorText(result);
+        << "no " << MuxerName(container_) << " muxer: " << audio::FfmpegErrorText(result);
     return false;
   }
   file_ = OutputFile::Create(path());
@@ -211,7 +205,7 @@ bool FfmpegContainerMuxer::WriteHeader() {
   if (result < 0) {
     TARN_LOG(tarn_logging::LS_ERROR, kLogConfig, this)
         << "cannot write the " << MuxerName(container_) << " header of " << path() << ": "
-        << AvErrorText(result);
+        << audio::FfmpegErrorText(result);
     return false;
   }
   header_written_ = true;
@@ -263,7 +257,7 @@ bool FfmpegContainerMuxer::MuxHeld(StreamState* stream, int64_t next_dts) {
   if (result < 0) {
     TARN_LOG(tarn_logging::LS_ERROR, kLogConfig, this)
         << "cannot write a packet of stream " << stream->stream->index << " to " << path() << ": "
-        << AvErrorText(result);
+        << audio::FfmpegErrorText(result);
   } else {
     ++stream->muxed;
   }
@@ -302,7 +296,7 @@ int64_t FfmpegContainerMuxer::Finish() {
     avio_flush(io_);
     if (result < 0) {
       TARN_LOG(tarn_logging::LS_ERROR, kLogConfig, this)
-          << "cannot finish " << path() << ": " << AvErrorText(result);
+          << "cannot finish " << path() << ": " << audio::FfmpegErrorText(result);
     }
     if (result < 0 || !file_->Drain()) file_->Break();
   }

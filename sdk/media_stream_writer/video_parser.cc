@@ -86,5 +86,31 @@ ParameterSetList VideoHEVCParser::ParseParameterSets(const uint8_t* data, size_t
   return ParseAnnexB(data, size, /*header_size=*/2, &ClassifyHevc);
 }
 
+ParameterSetsByType ExtractParameterSets(int32_t codec_type, const uint8_t* data, size_t size) {
+  ParameterSetsByType by_type;
+  ParameterSetList sets;
+  if (codec_type == kCodecH264) {
+    sets = VideoAVCParser().ParseParameterSets(data, size);
+  } else if (codec_type == kCodecH265) {
+    sets = VideoHEVCParser().ParseParameterSets(data, size);
+  }
+  for (const auto& set : sets) {
+    switch (set->type) {
+      case kParameterSetVps:
+        by_type.vps.push_back(set->data);
+        break;
+      case kParameterSetSps:
+        by_type.sps.push_back(set->data);
+        break;
+      case kParameterSetPps:
+        by_type.pps.push_back(set->data);
+        break;
+      default:
+        break;
+    }
+  }
+  return by_type;
+}
+
 }  // namespace video
 }  // namespace tarnel

@@ -11,6 +11,7 @@
 #include "sdk/base/file.h"
 #include "sdk/base/file_util.h"
 #include "sdk/base/location.h"
+#include "sdk/media_stream_writer/video_parser.h"
 
 namespace tarnel {
 namespace recording {
@@ -892,33 +893,14 @@ void LocalRecordingImpl::SendVideoMetaDataToMuxer() {
   metadata.codec_type = first.codec_type;
   metadata.width = first.width;
   metadata.height = first.height;
-  // An unknown codec gets no parser, neither a fresh one nor one from an earlier
-  // recording: the writer learns the codec from the metadata and refuses it.
-  if (first.codec_type == video::kCodecH264 || first.codec_type == video::kCodecH265) {
-    if (first.codec_type == video::kCodecH265) {
-      video_parser_ = std::make_unique<video::VideoHEVCParser>();
-    } else {
-      video_parser_ = std::make_unique<video::VideoAVCParser>();
-    }
-    const CopyOnWriteBuffer data = first.data;
-    const video::ParameterSetList sets =
-        video_parser_->ParseParameterSets(data.data(), data.size());
-    for (const auto& set : sets) {
-      switch (set->type) {
-        case video::kParameterSetVps:
-          metadata.vps = set->data;
-          break;
-        case video::kParameterSetSps:
-          metadata.sps = set->data;
-          break;
-        case video::kParameterSetPps:
-          metadata.pps = set->data;
-          break;
-        default:
-          break;
-      }
-    }
-  }
+  // One set of each type describes the stream: the last of its type in the key frame.
+  // An unknown codec's bytes are not parsed; the writer learns the codec from the
+  // metadata and refuses it.
+  const video::ParameterSetsByType sets =
+      video::ExtractParameterSets(first.codec_type, first.data.data(), first.data.size());
+  if (!sets.vps.empty()) metadata.vps = sets.vps.back();
+  if (!sets.sps.empty()) metadata.sps = sets.sps.back();
+  if (!sets.pps.empty()) metadata.pps = sets.pps.back();
   writer_->SetVideoMetaData(metadata);
 }
 

@@ -32,7 +32,6 @@
 #include "sdk/media/audio_frame_ring_buffer.h"
 #include "sdk/media/audio_resampler.h"
 #include "sdk/media_stream_writer/local_recording_segmentation_writer.h"
-#include "sdk/media_stream_writer/video_parser.h"
 
 namespace tarnel {
 namespace recording {
@@ -139,7 +138,6 @@ class LocalRecordingImpl
   tarn_base::RepeatingTimer progress_timer_;
   std::unique_ptr<tarn_base::RepeatingTimer> audio_process_timer_;
   tarn_base::OneShotTimer audio_process_delay_timer_;
-  std::unique_ptr<video::VideoParser> video_parser_;
   VideoCache video_frame_cache_;
   AudioCache audio_frame_cache_;  // Audio as it arrived.
   AudioCache audio_mux_cache_;    // Audio ready for the writer.

@@ -47,8 +47,10 @@ class MediaStreamWriter {
   virtual int Start(const std::string& path, media_stream_writer::MediaFormat format,
                     LocalRecordingType type, int segment_interval) = 0;
 
-  // Write one frame with pts/dts (ms) relative to the start of the recording. Return a
-  // positive value when written, 0 or negative when this frame was lost.
+  // Write one frame with pts/dts (ms) relative to the start of the recording; a video
+  // dts of 0 means the frame has none. The backend repairs video dts (missing, past the
+  // pts, not increasing), nobody before it. Return a positive value when written, 0 or
+  // negative when this frame was lost.
   virtual int WriteVideoPacket(std::unique_ptr<video::VideoFrame> frame) = 0;
   virtual int WriteAudioPacket(std::unique_ptr<audio::AudioFrame> frame) = 0;
 

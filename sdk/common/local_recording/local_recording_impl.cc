@@ -726,7 +726,8 @@ bool LocalRecordingImpl::ProcessVideoFrame(std::unique_ptr<video::VideoFrame> fr
   const uint64_t pts = frame->pts - offset;  // Wraps like the source's 64-bit clock.
   video_duration_ms_ = static_cast<int64_t>(pts);
   frame->pts = pts;
-  frame->dts = frame->dts == 0 ? pts : frame->dts - offset;
+  // A missing dts (0) stays missing: the writer repairs dts, missing ones included.
+  if (frame->dts != 0) frame->dts -= offset;
   return CheckStreamWriteFailed(writer_->WriteVideoPacket(std::move(frame)));
 }
 

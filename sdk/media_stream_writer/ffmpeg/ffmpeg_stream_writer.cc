@@ -509,6 +509,9 @@ bool FfmpegStreamWriter::WriteHeaderAndPending() {
 }
 
 int FfmpegStreamWriter::WriteVideoNow(std::unique_ptr<video::VideoFrame> frame) {
+  // The recording's one dts repair: a missing dts (0) is the pts, a dts past its pts is
+  // the pts, and (below, in the stream's time base) a dts that does not increase is
+  // moved just past the previous one.
   const int64_t pts = static_cast<int64_t>(frame->pts);
   int64_t dts = frame->dts == 0 ? pts : static_cast<int64_t>(frame->dts);
   if (dts > pts) dts = pts;

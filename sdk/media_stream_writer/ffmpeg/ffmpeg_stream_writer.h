@@ -19,7 +19,8 @@
 //    arrive before that are held, up to 2 s of media or 300 packets, after which the
 //    missing stream is left out of the file.
 //  - Timestamps: each stream's dts is kept strictly increasing; a repaired dts pulls
-//    the pts along when it would pass it. Video in 1/90000 s in MP4, ms in Matroska.
+//    the pts along when it would pass it. A missing video dts (0) is the pts. This is
+//    the recording's only dts repair. Video in 1/90000 s in MP4, ms in Matroska.
 //  - Segments: a new file starts at the first video key frame (audio-only: audio
 //    frame) at or after `segment_interval` seconds past the current file's start. Each
 //    file starts at 0. With audio and video the old file stays open until the audio

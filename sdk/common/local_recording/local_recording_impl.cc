@@ -147,7 +147,8 @@ void LocalRecordingImpl::WriteAudioFrame(std::unique_ptr<audio::AudioFrame> fram
 }
 
 void LocalRecordingImpl::SetEncodeParams(const video::EncodeParams& params) {
-  encode_params_ = params;
+  task_runner_->PostTask(FROM_HERE, tarn_base::BindOnce(&LocalRecordingImpl::SetEncodeParamsImpl,
+                                                        tarn_base::Unretained(this), params));
 }
 
 void LocalRecordingImpl::OnRecordingSegment(const std::string& path) {
@@ -197,6 +198,11 @@ void LocalRecordingImpl::StartImpl(const LocalRecordingInitialParams& params) {
   writer_ = std::make_unique<Writer>(this);
   is_recording_ = true;
   client_->OnRecordingStarted(this, kOk);
+}
+
+void LocalRecordingImpl::SetEncodeParamsImpl(const video::EncodeParams& params) {
+  assert(IsOnWorkerThread());
+  encode_params_ = params;
 }
 
 bool LocalRecordingImpl::IsRecordingFileExisted(const tarn_base::FilePath& path, bool segmented) {

@@ -1,10 +1,9 @@
 // The recorder behind LocalRecording.
 //
 // One worker thread ("recording") owns every member below except task_runner_ (set once
-// in the constructor, read by the posting methods on callers' threads) and
-// encode_params_ (written by SetEncodeParams on the caller's thread, read by nothing).
-// Public calls post to the worker; timers fire on it; the writer's segment notices
-// arrive on it. Posted tasks and timer callbacks hold the recorder by plain pointer:
+// in the constructor, read by the posting methods on callers' threads). Public calls
+// (SetEncodeParams too) post to the worker; timers fire on it; the writer's segment
+// notices arrive on it. Posted tasks and timer callbacks hold the recorder by plain pointer:
 // the destructor stops the thread, running what was posted, before any member goes.
 //
 // Life of a recording: StartImpl checks the output and creates the writer; intake
@@ -74,6 +73,7 @@ class LocalRecordingImpl
 
   // Recorder control.
   void StartImpl(const LocalRecordingInitialParams& params);
+  void SetEncodeParamsImpl(const video::EncodeParams& params);
   void StopImpl();
   bool IsRecordingFileExisted(const tarn_base::FilePath& path, bool segmented);
   bool HasWriteAccess(const tarn_base::FilePath& path);
@@ -166,8 +166,8 @@ class LocalRecordingImpl
   bool output_path_existed_at_start_ = false;
   // The unusable-template warning is given once per recording.
   bool warned_unusable_muted_frame_ = false;
-
-  // Caller's thread, read by nothing.
+  // The application's video encoder settings, as SetEncodeParams last gave them: kept for
+  // reference, never acted on.
   video::EncodeParams encode_params_;
 };
 

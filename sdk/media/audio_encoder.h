@@ -10,9 +10,11 @@
 
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 
+#include "sdk/base/scoped_override.h"
 #include "sdk/media/audio_frame.h"
 
 namespace tarnel {
@@ -87,28 +89,36 @@ class AudioEncoder {
 // The process-wide source of audio encoders.
 class AudioEncoderFactory2 {
  public:
-  // The factory in use: the built-in one unless a test installed another.
-  static AudioEncoderFactory2* GetInstance();
+  // Makes the encoders in place of the built-in ones while a test installs it with
+  // ScopedAudioEncoderFactoryForTesting. Called on the threads that create encoders.
+  using EncoderFactory = std::function<std::unique_ptr<AudioEncoder>(int type)>;
 
-  // Makes `factory` the one GetInstance() returns; null restores the built-in one.
-  // The factory must outlive its use.
-  static void SetInstanceForTesting(AudioEncoderFactory2* factory);
+  static AudioEncoderFactory2* GetInstance();
 
   // An encoder of `type` (kAudioEncoderAac), or null when the type is unknown or the
   // codec is not available.
-  virtual std::unique_ptr<AudioEncoder> CreateAudioEncoder(int type);
+  std::unique_ptr<AudioEncoder> CreateAudioEncoder(int type);
 
   // Which AAC encoder CreateAudioEncoder(kAudioEncoderAac) makes from now on, for every
   // recorder in the process; encoders already made keep theirs. Any thread.
   void SetAacEncoderKind(AacEncoderKind kind) { aac_kind_.store(kind); }
   AacEncoderKind aac_encoder_kind() const { return aac_kind_.load(); }
 
- protected:
+ private:
   AudioEncoderFactory2() = default;
-  virtual ~AudioEncoderFactory2() = default;
+  ~AudioEncoderFactory2() = default;
+
+  std::atomic<AacEncoderKind> aac_kind_{AacEncoderKind::kBuiltIn};
+};
+
+// While alive, CreateAudioEncoder makes its encoders with `factory` instead, on every
+// thread; the factory in use before comes back when it goes.
+class ScopedAudioEncoderFactoryForTesting {
+ public:
+  explicit ScopedAudioEncoderFactoryForTesting(AudioEncoderFactory2::EncoderFactory factory);
 
  private:
-  std::atomic<AacEncoderKind> aac_kind_{AacEncoderKind::kBuiltIn};
+  tarn_base::ScopedOverride<AudioEncoderFactory2::EncoderFactory> override_;
 };
 
 }  // namespace audio

@@ -70,8 +70,13 @@ class AudioEncoder {
   // PCM bytes that one Encode() call consumes (positive once initialised).
   virtual int32_t GetInputSizeInBytes() const = 0;
 
-  // Samples per channel by which the decoded output lags the input (encoder priming);
-  // containers record it so that players skip it.
+  // The encoder delay D, in samples per channel, 0 before Init: the access unit that
+  // Encode() returns for the input stamped t decodes to audio that begins D samples
+  // before t, so the first D samples decoded are the encoder's start-up (priming), not
+  // input. Every frame Encode() returns carries D as
+  // AudioFrame::GetEncoderDelaySamples(). The writer alone acts on it: it places each
+  // access unit D samples before its stamp and keeps the start-up as decoder pre-roll
+  // (docs/design.md, "AAC encoder delay, per container").
   virtual int32_t GetPrimingSamples() const = 0;
 
   // Encodes one input frame of GetInputSizeInBytes() bytes. Returns one encoded frame

@@ -7,9 +7,9 @@
 //   if (!encoder.Init(params)) { ... }
 //   std::shared_ptr<AudioFrame> au = encoder.Encode(pcm_piece);  // 1024 samples/channel
 //
-// Every Encode() returns exactly one access unit, from the first call on. The audio it
-// decodes to begins GetPrimingSamples() (2048) samples before the input piece's
-// timestamp it carries; the writer shifts it back.
+// Every Encode() returns exactly one access unit, from the first call on, stamped with
+// the input piece's timestamp. Its encoder delay (AudioEncoder::GetPrimingSamples) is
+// 2048: the audio a unit decodes to begins 2048 samples before its stamp.
 #ifndef SDK_MEDIA_FFMPEG_FFMPEG_AAC_ENCODER_H_
 #define SDK_MEDIA_FFMPEG_FFMPEG_AAC_ENCODER_H_
 

@@ -5,6 +5,7 @@
 #include "sdk/base/logging.h"
 #include "sdk/media/aac/aac_encoder.h"
 #include "sdk/media/ffmpeg/ffmpeg_aac_encoder.h"
+#include "sdk/media/scoped_audio_encoder_factory_for_testing.h"
 
 namespace tarnel {
 namespace audio {
@@ -14,8 +15,9 @@ namespace {
 constexpr tarn_logging::LogConfig kLogConfig{"audio_encoder"};
 
 // The factory a test installed, or empty.
-tarn_base::OverrideSlot<AudioEncoderFactory2::EncoderFactory>& FactoryForTesting() {
-  static auto* const slot = new tarn_base::OverrideSlot<AudioEncoderFactory2::EncoderFactory>();
+tarn_base::OverrideSlot<ScopedAudioEncoderFactoryForTesting::Factory>& FactoryForTesting() {
+  static auto* const slot =
+      new tarn_base::OverrideSlot<ScopedAudioEncoderFactoryForTesting::Factory>();
   return *slot;
 }
 
@@ -53,8 +55,7 @@ AudioEncoderFactory2* AudioEncoderFactory2::GetInstance() {
   return instance;
 }
 
-ScopedAudioEncoderFactoryForTesting::ScopedAudioEncoderFactoryForTesting(
-    AudioEncoderFactory2::EncoderFactory factory)
+ScopedAudioEncoderFactoryForTesting::ScopedAudioEncoderFactoryForTesting(Factory factory)
     : override_(&FactoryForTesting(), std::move(factory)) {}
 
 bool AudioEncoder::AcceptsInput(const AudioFrame* input) const {
@@ -93,7 +94,7 @@ std::unique_ptr<AudioEncoder> CreateAacEncoder(AacEncoderKind kind) {
 }
 
 std::unique_ptr<AudioEncoder> AudioEncoderFactory2::CreateAudioEncoder(int type) {
-  if (const EncoderFactory factory = FactoryForTesting().Get()) return factory(type);
+  if (const auto factory = FactoryForTesting().Get()) return factory(type);
   if (type == kAudioEncoderAac) return CreateAacEncoder(aac_encoder_kind());
   TARN_LOG(tarn_logging::LS_ERROR, kLogConfig, this) << "no audio encoder of type " << type;
   return nullptr;

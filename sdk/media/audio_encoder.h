@@ -10,11 +10,9 @@
 
 #include <atomic>
 #include <cstdint>
-#include <functional>
 #include <memory>
 #include <string>
 
-#include "sdk/base/scoped_override.h"
 #include "sdk/media/audio_frame.h"
 
 namespace tarnel {
@@ -91,13 +89,10 @@ class AudioEncoder {
   bool AcceptsInput(const AudioFrame* input) const;
 };
 
-// The process-wide source of audio encoders.
+// The process-wide source of audio encoders. (Tests put fakes behind it with
+// ScopedAudioEncoderFactoryForTesting, scoped_audio_encoder_factory_for_testing.h.)
 class AudioEncoderFactory2 {
  public:
-  // Makes the encoders in place of the built-in ones while a test installs it with
-  // ScopedAudioEncoderFactoryForTesting. Called on the threads that create encoders.
-  using EncoderFactory = std::function<std::unique_ptr<AudioEncoder>(int type)>;
-
   static AudioEncoderFactory2* GetInstance();
 
   // An encoder of `type` (kAudioEncoderAac), or null when the type is unknown or the
@@ -114,16 +109,6 @@ class AudioEncoderFactory2 {
   ~AudioEncoderFactory2() = default;
 
   std::atomic<AacEncoderKind> aac_kind_{AacEncoderKind::kBuiltIn};
-};
-
-// While alive, CreateAudioEncoder makes its encoders with `factory` instead, on every
-// thread; the factory in use before comes back when it goes.
-class ScopedAudioEncoderFactoryForTesting {
- public:
-  explicit ScopedAudioEncoderFactoryForTesting(AudioEncoderFactory2::EncoderFactory factory);
-
- private:
-  tarn_base::ScopedOverride<AudioEncoderFactory2::EncoderFactory> override_;
 };
 
 }  // namespace audio

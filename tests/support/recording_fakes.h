@@ -21,6 +21,7 @@
 #include "sdk/common/local_recording/local_recording.h"
 #include "sdk/media/audio_encoder.h"
 #include "sdk/media/audio_resampler.h"
+#include "sdk/media/scoped_audio_encoder_factory_for_testing.h"
 #include "sdk/media_stream_writer/local_recording_segmentation_writer.h"
 
 namespace tarnel_test {

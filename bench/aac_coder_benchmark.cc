@@ -31,6 +31,7 @@ extern "C" {
 #include "sdk/base/logging.h"
 #include "sdk/media/audio_encoder.h"
 #include "sdk/media/audio_frame.h"
+#include "sdk/media/ffmpeg/ffmpeg_ptr.h"
 
 namespace {
 
@@ -221,22 +222,22 @@ std::shared_ptr<AudioFrame> Piece(const std::vector<int16_t>& pcm, int channels,
 std::vector<double> Decode(const std::vector<std::shared_ptr<AudioFrame>>& frames, int channels) {
   std::vector<double> pcm;
   const AVCodec* codec = avcodec_find_decoder(AV_CODEC_ID_AAC);
-  AVCodecContext* context = avcodec_alloc_context3(codec);
+  tarnel::FfmpegPtr<AVCodecContext> context(avcodec_alloc_context3(codec));
   // The two-byte MPEG-4 audio config: AAC-LC, 48 kHz (index 3), `channels`.
   context->extradata = static_cast<uint8_t*>(av_mallocz(2 + AV_INPUT_BUFFER_PADDING_SIZE));
   context->extradata[0] = (2 << 3) | (3 >> 1);
   context->extradata[1] = static_cast<uint8_t>(((3 & 1) << 7) | (channels << 3));
   context->extradata_size = 2;
-  AVPacket* packet = av_packet_alloc();
-  AVFrame* frame = av_frame_alloc();
-  if (avcodec_open2(context, codec, nullptr) >= 0) {
+  tarnel::FfmpegPtr<AVPacket> packet(av_packet_alloc());
+  tarnel::FfmpegPtr<AVFrame> frame(av_frame_alloc());
+  if (avcodec_open2(context.get(), codec, nullptr) >= 0) {
     for (const auto& encoded : frames) {
-      if (av_new_packet(packet, static_cast<int>(encoded->GetSize())) < 0) break;
+      if (av_new_packet(packet.get(), static_cast<int>(encoded->GetSize())) < 0) break;
       std::memcpy(packet->data, encoded->GetData(), encoded->GetSize());
-      const int sent = avcodec_send_packet(context, packet);
-      av_packet_unref(packet);
+      const int sent = avcodec_send_packet(context.get(), packet.get());
+      av_packet_unref(packet.get());
       if (sent < 0) break;
-      while (avcodec_receive_frame(context, frame) >= 0) {
+      while (avcodec_receive_frame(context.get(), frame.get()) >= 0) {
         for (int i = 0; i < frame->nb_samples; ++i) {
           for (int c = 0; c < channels; ++c) {
             pcm.push_back(reinterpret_cast<const float*>(frame->data[c])[i] * 32768.0);
@@ -245,9 +246,6 @@ std::vector<double> Decode(const std::vector<std::shared_ptr<AudioFrame>>& frame
       }
     }
   }
-  av_frame_free(&frame);
-  av_packet_free(&packet);
-  avcodec_free_context(&context);
   return pcm;
 }
 

@@ -5,7 +5,7 @@
 #include <fstream>
 #include <iterator>
 
-#include "sdk/media_stream_writer/ffmpeg/codec_config.h"
+#include "sdk/media_stream_writer/annexb.h"
 
 namespace tarnel_bench {
 namespace {

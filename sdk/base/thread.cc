@@ -2,7 +2,6 @@
 
 #include <errno.h>
 #include <pthread.h>
-#include <string.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -11,6 +10,7 @@
 #include <mutex>
 #include <utility>
 
+#include "sdk/base/errno_text.h"
 #include "sdk/base/logging.h"
 #include "sdk/base/task_queue.h"
 
@@ -27,19 +27,6 @@ constexpr size_t kMaxOsThreadNameLength = 15;
 thread_local std::string g_thread_name;
 
 std::atomic<int> g_start_failures_for_testing{0};
-
-// Picks the right result of whichever strerror_r the C library declares.
-[[maybe_unused]] const char* StrErrorResult(int result, const char* buffer) {
-  return result == 0 ? buffer : "unknown error";
-}
-[[maybe_unused]] const char* StrErrorResult(const char* result, const char* /*buffer*/) {
-  return result;
-}
-
-std::string ErrorText(int error) {
-  char buffer[128] = {};
-  return StrErrorResult(strerror_r(error, buffer, sizeof(buffer)), buffer);
-}
 
 }  // namespace
 
@@ -116,7 +103,7 @@ bool Thread::Start() {
   const int error = impl->Create();
   if (error != 0) {
     TARN_LOG(tarn_logging::LS_ERROR, kLogConfig, this)
-        << "cannot start thread \"" << name_ << "\": " << ErrorText(error);
+        << "cannot start thread \"" << name_ << "\": " << ErrnoText(error);
     return false;
   }
   // A restarted thread replaces the stopped one; its old runner keeps refusing tasks.

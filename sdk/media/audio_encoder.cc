@@ -1,10 +1,11 @@
 #include "sdk/media/audio_encoder.h"
 
-#include <atomic>
+#include <utility>
 
 #include "sdk/base/logging.h"
 #include "sdk/media/aac/aac_encoder.h"
 #include "sdk/media/ffmpeg/ffmpeg_aac_encoder.h"
+#include "sdk/media/scoped_audio_encoder_factory_for_testing.h"
 
 namespace tarnel {
 namespace audio {
@@ -13,10 +14,12 @@ namespace {
 
 constexpr tarn_logging::LogConfig kLogConfig{"audio_encoder"};
 
-// The factory GetInstance() hands out instead of the built-in one; set by tests.
-std::atomic<AudioEncoderFactory2*> g_factory_for_testing{nullptr};
-
-class BuiltInAudioEncoderFactory : public AudioEncoderFactory2 {};
+// The factory a test installed, or empty.
+tarn_base::OverrideSlot<ScopedAudioEncoderFactoryForTesting::Factory>& FactoryForTesting() {
+  static auto* const slot =
+      new tarn_base::OverrideSlot<ScopedAudioEncoderFactoryForTesting::Factory>();
+  return *slot;
+}
 
 constexpr struct {
   AacEncoderKind kind;
@@ -48,17 +51,12 @@ bool ParseAacEncoderKind(const std::string& name, AacEncoderKind* kind) {
 
 // static
 AudioEncoderFactory2* AudioEncoderFactory2::GetInstance() {
-  if (AudioEncoderFactory2* factory = g_factory_for_testing.load(std::memory_order_acquire)) {
-    return factory;
-  }
-  static BuiltInAudioEncoderFactory* const built_in = new BuiltInAudioEncoderFactory();
-  return built_in;
+  static AudioEncoderFactory2* const instance = new AudioEncoderFactory2();
+  return instance;
 }
 
-// static
-void AudioEncoderFactory2::SetInstanceForTesting(AudioEncoderFactory2* factory) {
-  g_factory_for_testing.store(factory, std::memory_order_release);
-}
+ScopedAudioEncoderFactoryForTesting::ScopedAudioEncoderFactoryForTesting(Factory factory)
+    : override_(&FactoryForTesting(), std::move(factory)) {}
 
 bool AudioEncoder::AcceptsInput(const AudioFrame* input) const {
   const int32_t size = GetInputSizeInBytes();
@@ -96,6 +94,7 @@ std::unique_ptr<AudioEncoder> CreateAacEncoder(AacEncoderKind kind) {
 }
 
 std::unique_ptr<AudioEncoder> AudioEncoderFactory2::CreateAudioEncoder(int type) {
+  if (const auto factory = FactoryForTesting().Get()) return factory(type);
   if (type == kAudioEncoderAac) return CreateAacEncoder(aac_encoder_kind());
   TARN_LOG(tarn_logging::LS_ERROR, kLogConfig, this) << "no audio encoder of type " << type;
   return nullptr;

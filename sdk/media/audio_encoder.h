@@ -68,8 +68,13 @@ class AudioEncoder {
   // PCM bytes that one Encode() call consumes (positive once initialised).
   virtual int32_t GetInputSizeInBytes() const = 0;
 
-  // Samples per channel by which the decoded output lags the input (encoder priming);
-  // containers record it so that players skip it.
+  // The encoder delay D, in samples per channel, 0 before Init: the access unit that
+  // Encode() returns for the input stamped t decodes to audio that begins D samples
+  // before t, so the first D samples decoded are the encoder's start-up (priming), not
+  // input. Every frame Encode() returns carries D as
+  // AudioFrame::GetEncoderDelaySamples(). The writer alone acts on it: it places each
+  // access unit D samples before its stamp and keeps the start-up as decoder pre-roll
+  // (docs/design.md, "AAC encoder delay, per container").
   virtual int32_t GetPrimingSamples() const = 0;
 
   // Encodes one input frame of GetInputSizeInBytes() bytes. Returns one encoded frame
@@ -84,30 +89,25 @@ class AudioEncoder {
   bool AcceptsInput(const AudioFrame* input) const;
 };
 
-// The process-wide source of audio encoders.
+// The process-wide source of audio encoders. (Tests put fakes behind it with
+// ScopedAudioEncoderFactoryForTesting, scoped_audio_encoder_factory_for_testing.h.)
 class AudioEncoderFactory2 {
  public:
-  // The factory in use: the built-in one unless a test installed another.
   static AudioEncoderFactory2* GetInstance();
-
-  // Makes `factory` the one GetInstance() returns; null restores the built-in one.
-  // The factory must outlive its use.
-  static void SetInstanceForTesting(AudioEncoderFactory2* factory);
 
   // An encoder of `type` (kAudioEncoderAac), or null when the type is unknown or the
   // codec is not available.
-  virtual std::unique_ptr<AudioEncoder> CreateAudioEncoder(int type);
+  std::unique_ptr<AudioEncoder> CreateAudioEncoder(int type);
 
   // Which AAC encoder CreateAudioEncoder(kAudioEncoderAac) makes from now on, for every
   // recorder in the process; encoders already made keep theirs. Any thread.
   void SetAacEncoderKind(AacEncoderKind kind) { aac_kind_.store(kind); }
   AacEncoderKind aac_encoder_kind() const { return aac_kind_.load(); }
 
- protected:
-  AudioEncoderFactory2() = default;
-  virtual ~AudioEncoderFactory2() = default;
-
  private:
+  AudioEncoderFactory2() = default;
+  ~AudioEncoderFactory2() = default;
+
   std::atomic<AacEncoderKind> aac_kind_{AacEncoderKind::kBuiltIn};
 };
 

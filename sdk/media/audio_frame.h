@@ -60,11 +60,11 @@ class AudioFrame {
   AudioCodecFormat GetAudioFrameFormat() const { return format_; }
   void SetAudioFrameFormat(AudioCodecFormat format) { format_ = format; }
 
-  // For encoded frames: how many samples (per channel) before its timestamp the audio
-  // this frame decodes to begins, i.e. the encoder's priming. A container places the
-  // frame that much earlier and tells players to skip the priming (an MP4 edit list),
-  // so that the decoded audio starts exactly at the timestamp. 0 for PCM and for AAC
-  // whose timestamps already mark where its audio starts.
+  // For encoded frames: the encoder delay D of the encoder that made the frame, as
+  // AudioEncoder::GetPrimingSamples() defines it: the audio this frame decodes to
+  // begins D samples (per channel) before its timestamp. Only the writer acts on it
+  // (FfmpegStreamWriter). 0 for PCM and for AAC whose timestamps already mark where its
+  // audio starts.
   int32_t GetEncoderDelaySamples() const { return encoder_delay_samples_; }
   void SetEncoderDelaySamples(int32_t samples) { encoder_delay_samples_ = samples; }
 

@@ -1,6 +1,6 @@
 #include "sdk/media/audio_resampler.h"
 
-#include <atomic>
+#include <utility>
 
 #include "sdk/base/logging.h"
 #include "sdk/media/ffmpeg/ffmpeg_audio_resampler.h"
@@ -12,24 +12,25 @@ namespace {
 
 constexpr tarn_logging::LogConfig kLogConfig{"audio_resampler"};
 
-std::atomic<AudioResampleInterface::FactoryFunction> g_factory_for_testing{nullptr};
+// The factory a test installed, or empty.
+tarn_base::OverrideSlot<AudioResampleInterface::FactoryFunction>& FactoryForTesting() {
+  static auto* const slot = new tarn_base::OverrideSlot<AudioResampleInterface::FactoryFunction>();
+  return *slot;
+}
 
 }  // namespace
 
 // static
 std::unique_ptr<AudioResampleInterface> AudioResampleInterface::Create(int type) {
-  if (FactoryFunction factory = g_factory_for_testing.load(std::memory_order_acquire)) {
-    return factory(type);
-  }
+  if (const FactoryFunction factory = FactoryForTesting().Get()) return factory(type);
   if (type == kAudioResamplerDefault) return std::make_unique<FfmpegAudioResampler>();
   TARN_LOG(tarn_logging::LS_ERROR, kLogConfig, nullptr) << "no audio resampler of type " << type;
   return nullptr;
 }
 
-// static
-void AudioResampleInterface::SetFactoryForTesting(FactoryFunction factory) {
-  g_factory_for_testing.store(factory, std::memory_order_release);
-}
+ScopedAudioResamplerFactoryForTesting::ScopedAudioResamplerFactoryForTesting(
+    AudioResampleInterface::FactoryFunction factory)
+    : override_(&FactoryForTesting(), std::move(factory)) {}
 
 }  // namespace audio
 }  // namespace tarnel

@@ -7,8 +7,10 @@
 #ifndef SDK_MEDIA_AUDIO_RESAMPLER_H_
 #define SDK_MEDIA_AUDIO_RESAMPLER_H_
 
+#include <functional>
 #include <memory>
 
+#include "sdk/base/scoped_override.h"
 #include "sdk/media/audio_frame.h"
 
 namespace tarnel {
@@ -23,11 +25,9 @@ constexpr int kAudioResamplerDefault = 0;
 class AudioResampleInterface {
  public:
   // A converter of `type`, or null when the type is unknown. Tests may install their
-  // own maker with SetFactoryForTesting.
+  // own factory with ScopedAudioResamplerFactoryForTesting.
   static std::unique_ptr<AudioResampleInterface> Create(int type);
-  using FactoryFunction = std::unique_ptr<AudioResampleInterface> (*)(int type);
-  // Null restores the built-in converter.
-  static void SetFactoryForTesting(FactoryFunction factory);
+  using FactoryFunction = std::function<std::unique_ptr<AudioResampleInterface>(int type)>;
 
   virtual ~AudioResampleInterface() = default;
 
@@ -41,6 +41,16 @@ class AudioResampleInterface {
   // caller has set to the configured output. Returns 0 on success, negative on failure
   // (then `output` carries no data). The output's timestamp and format are the input's.
   virtual int Resample(const AudioFrame& input, AudioFrame* output) = 0;
+};
+
+// While alive, Create makes its converters with `factory` instead, on every thread;
+// the factory in use before comes back when it goes.
+class ScopedAudioResamplerFactoryForTesting {
+ public:
+  explicit ScopedAudioResamplerFactoryForTesting(AudioResampleInterface::FactoryFunction factory);
+
+ private:
+  tarn_base::ScopedOverride<AudioResampleInterface::FactoryFunction> override_;
 };
 
 }  // namespace audio

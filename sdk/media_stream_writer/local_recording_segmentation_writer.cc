@@ -1,6 +1,5 @@
 #include "sdk/media_stream_writer/local_recording_segmentation_writer.h"
 
-#include <mutex>
 #include <utility>
 
 #include "sdk/base/logging.h"
@@ -14,14 +13,11 @@ namespace {
 
 constexpr tarn_logging::LogConfig kLogConfig{"media_stream_writer"};
 
-std::mutex& FactoryMutex() {
-  static std::mutex mutex;
-  return mutex;
-}
-
-LocalRecordingSegmentationWriter::BackendFactory& TestFactory() {
-  static LocalRecordingSegmentationWriter::BackendFactory factory;
-  return factory;
+// The factory a test installed, or empty.
+tarn_base::OverrideSlot<LocalRecordingSegmentationWriter::BackendFactory>& FactoryForTesting() {
+  static auto* const slot =
+      new tarn_base::OverrideSlot<LocalRecordingSegmentationWriter::BackendFactory>();
+  return *slot;
 }
 
 // The built-in container backend, on FFmpeg's muxers.
@@ -33,11 +29,7 @@ std::unique_ptr<MediaStreamWriter> MakeBuiltInBackend(
 }  // namespace
 
 LocalRecordingSegmentationWriter::LocalRecordingSegmentationWriter(Client* client) {
-  BackendFactory factory;
-  {
-    std::lock_guard<std::mutex> lock(FactoryMutex());
-    factory = TestFactory();
-  }
+  const BackendFactory factory = FactoryForTesting().Get();
   backend_ = factory ? factory(client) : MakeBuiltInBackend(client);
 }
 
@@ -80,19 +72,9 @@ int64_t LocalRecordingSegmentationWriter::Stop() {
   return stop_result_;
 }
 
-void LocalRecordingSegmentationWriter::SetBackendFactoryForTesting(BackendFactory factory) {
-  std::lock_guard<std::mutex> lock(FactoryMutex());
-  TestFactory() = std::move(factory);
-}
-
 ScopedWriterBackendFactoryForTesting::ScopedWriterBackendFactoryForTesting(
-    LocalRecordingSegmentationWriter::BackendFactory factory) {
-  LocalRecordingSegmentationWriter::SetBackendFactoryForTesting(std::move(factory));
-}
-
-ScopedWriterBackendFactoryForTesting::~ScopedWriterBackendFactoryForTesting() {
-  LocalRecordingSegmentationWriter::SetBackendFactoryForTesting(nullptr);
-}
+    LocalRecordingSegmentationWriter::BackendFactory factory)
+    : override_(&FactoryForTesting(), std::move(factory)) {}
 
 }  // namespace local_recording
 }  // namespace extensions

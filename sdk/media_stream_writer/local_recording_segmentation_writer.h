@@ -17,6 +17,7 @@
 #include <memory>
 #include <string>
 
+#include "sdk/base/scoped_override.h"
 #include "sdk/media/audio_frame.h"
 #include "sdk/media/video_frame.h"
 #include "sdk/media_stream_writer/media_format.h"
@@ -47,8 +48,10 @@ class MediaStreamWriter {
   virtual int Start(const std::string& path, media_stream_writer::MediaFormat format,
                     LocalRecordingType type, int segment_interval) = 0;
 
-  // Write one frame with pts/dts (ms) relative to the start of the recording. Return a
-  // positive value when written, 0 or negative when this frame was lost.
+  // Write one frame with pts/dts (ms) relative to the start of the recording; a video
+  // dts of 0 means the frame has none. The backend repairs video dts (missing, past the
+  // pts, not increasing), nobody before it. Return a positive value when written, 0 or
+  // negative when this frame was lost.
   virtual int WriteVideoPacket(std::unique_ptr<video::VideoFrame> frame) = 0;
   virtual int WriteAudioPacket(std::unique_ptr<audio::AudioFrame> frame) = 0;
 
@@ -83,25 +86,21 @@ class LocalRecordingSegmentationWriter : public MediaStreamWriter {
   int WriteAudioPacket(std::unique_ptr<audio::AudioFrame> frame) override;
   int64_t Stop() override;
 
-  // The factory that writers constructed from now on use. An empty factory restores
-  // the built-in container backend. Not thread-safe against writers being constructed.
-  static void SetBackendFactoryForTesting(BackendFactory factory);
-
  private:
   std::unique_ptr<MediaStreamWriter> backend_;
   bool stopped_ = false;
   int64_t stop_result_ = 0;
 };
 
-// Installs a backend factory for the lifetime of the object.
+// While alive, writers constructed on any thread get their backend from `factory`
+// instead of the built-in one; the factory in use before comes back when it goes.
 class ScopedWriterBackendFactoryForTesting {
  public:
   explicit ScopedWriterBackendFactoryForTesting(
       LocalRecordingSegmentationWriter::BackendFactory factory);
-  ~ScopedWriterBackendFactoryForTesting();
-  ScopedWriterBackendFactoryForTesting(const ScopedWriterBackendFactoryForTesting&) = delete;
-  ScopedWriterBackendFactoryForTesting& operator=(const ScopedWriterBackendFactoryForTesting&) =
-      delete;
+
+ private:
+  tarn_base::ScopedOverride<LocalRecordingSegmentationWriter::BackendFactory> override_;
 };
 
 }  // namespace local_recording

@@ -5,9 +5,9 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstring>
 #include <utility>
 
+#include "sdk/base/errno_text.h"
 #include "sdk/base/logging.h"
 
 namespace tarnel {
@@ -29,7 +29,7 @@ std::unique_ptr<OutputFile> OutputFile::Create(const std::string& path) {
   if (fd < 0) {
     const int error = errno;
     TARN_LOG(tarn_logging::LS_ERROR, kLogConfig, nullptr)
-        << "cannot create " << path << ": " << std::strerror(error);
+        << "cannot create " << path << ": " << tarn_base::ErrnoText(error);
     return nullptr;
   }
   return std::unique_ptr<OutputFile>(new OutputFile(path, fd, created));
@@ -57,7 +57,7 @@ size_t OutputFile::WriteAt(int64_t offset, const uint8_t* data, size_t size) {
 
 void OutputFile::LogFailure(const char* what) {
   TARN_LOG(tarn_logging::LS_ERROR, kLogConfig, this)
-      << what << " " << path_ << ": " << std::strerror(last_errno_);
+      << what << " " << path_ << ": " << tarn_base::ErrnoText(last_errno_);
 }
 
 int OutputFile::Write(const uint8_t* data, size_t size) {
@@ -152,7 +152,7 @@ void OutputFile::Break() {
     const int error = errno;
     TARN_LOG(tarn_logging::LS_ERROR, kLogConfig, this)
         << "cannot cut " << path_ << " back to " << committed_
-        << " bytes: " << std::strerror(error);
+        << " bytes: " << tarn_base::ErrnoText(error);
     return;
   }
   TARN_LOG(tarn_logging::LS_ERROR, kLogConfig, this)
@@ -166,7 +166,7 @@ int64_t OutputFile::Close(bool remove_if_empty) {
   if (close(fd_) != 0) {
     const int error = errno;
     TARN_LOG(tarn_logging::LS_ERROR, kLogConfig, this)
-        << "closing " << path_ << " failed: " << std::strerror(error);
+        << "closing " << path_ << " failed: " << tarn_base::ErrnoText(error);
   }
   fd_ = -1;
   if (remove_if_empty && created_ && end_ == 0 && size == 0) unlink(path_.c_str());

@@ -1,8 +1,11 @@
 // Finds the parameter sets (VPS, SPS, PPS) in an Annex-B access unit.
 //
-//   tarnel::video::VideoAVCParser parser;
-//   for (const auto& set : parser.ParseParameterSets(au.data(), au.size()))
-//     if (set->type == tarnel::video::kParameterSetSps) ...
+//   tarnel::video::ParameterSetsByType sets =
+//       tarnel::video::ExtractParameterSets(frame.codec_type, au.data(), au.size());
+//   if (!sets.sps.empty()) ...
+//
+// ExtractParameterSets is what the recorder (the stream metadata) and the writer (the
+// decoder configuration of a key frame) use; the parser classes below do the work.
 #ifndef SDK_MEDIA_STREAM_WRITER_VIDEO_PARSER_H_
 #define SDK_MEDIA_STREAM_WRITER_VIDEO_PARSER_H_
 
@@ -12,6 +15,7 @@
 #include <vector>
 
 #include "sdk/media/copy_on_write_buffer.h"
+#include "sdk/media/video_frame.h"
 
 namespace tarnel {
 namespace video {
@@ -51,6 +55,18 @@ class VideoHEVCParser : public VideoParser {
  public:
   ParameterSetList ParseParameterSets(const uint8_t* data, size_t size) override;
 };
+
+// The parameter sets of one access unit, each type in stream order.
+struct ParameterSetsByType {
+  std::vector<CopyOnWriteBuffer> vps;  // H.265 only.
+  std::vector<CopyOnWriteBuffer> sps;
+  std::vector<CopyOnWriteBuffer> pps;
+};
+
+// The parameter sets of an H.264 (`codec_type` kCodecH264) or H.265 (kCodecH265)
+// access unit, as ParseParameterSets finds them (bare NAL headers included). None for
+// any other codec, whose bytes are not looked at.
+ParameterSetsByType ExtractParameterSets(int32_t codec_type, const uint8_t* data, size_t size);
 
 }  // namespace video
 }  // namespace tarnel

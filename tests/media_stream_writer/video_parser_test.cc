@@ -178,6 +178,44 @@ TEST(VideoParserTest, RandomInputYieldsOnlyWellFormedSetsOfTheInput) {
   FuzzParser(VideoHEVCParser(), 2, &HevcType);
 }
 
+// The sets of each type in stream order, whatever the interleaving; bare headers too
+// (the callers judge them); another codec's parser is never asked.
+TEST(VideoParserTest, ExtractsParameterSetsByType) {
+  const auto bytes = [](const std::vector<CopyOnWriteBuffer>& sets) {
+    std::vector<Bytes> out;
+    for (const CopyOnWriteBuffer& set : sets) out.emplace_back(set.data(), set.data() + set.size());
+    return out;
+  };
+  const Bytes hevc = Concat({kStart4,
+                             kHevcSps,
+                             kStart3,
+                             kHevcVps,
+                             kStart4,
+                             kHevcPps,
+                             kStart3,
+                             {0x42, 0x01},
+                             kStart4,
+                             kHevcIdr,
+                             kStart3,
+                             kHevcVps});
+  ParameterSetsByType sets = ExtractParameterSets(kCodecH265, hevc.data(), hevc.size());
+  EXPECT_EQ(bytes(sets.vps), (std::vector<Bytes>{kHevcVps, kHevcVps}));
+  EXPECT_EQ(bytes(sets.sps), (std::vector<Bytes>{kHevcSps, {0x42, 0x01}}));
+  EXPECT_EQ(bytes(sets.pps), std::vector<Bytes>{kHevcPps});
+
+  const Bytes avc = Concat({kStart4, kAvcPps1, kStart4, kAvcSps, kStart4, kAvcSpsEp, kStart3,
+                            kAvcPps, kStart3, kAvcIdr});
+  sets = ExtractParameterSets(kCodecH264, avc.data(), avc.size());
+  EXPECT_TRUE(sets.vps.empty());
+  EXPECT_EQ(bytes(sets.sps), (std::vector<Bytes>{kAvcSps, kAvcSpsEp}));
+  EXPECT_EQ(bytes(sets.pps), (std::vector<Bytes>{kAvcPps1, kAvcPps}));
+
+  for (const int32_t codec : {7, -1}) {
+    sets = ExtractParameterSets(codec, avc.data(), avc.size());
+    EXPECT_TRUE(sets.vps.empty() && sets.sps.empty() && sets.pps.empty()) << codec;
+  }
+}
+
 }  // namespace
 }  // namespace video
 }  // namespace tarnel

@@ -7,6 +7,7 @@ extern "C" {
 }
 
 #include "sdk/media/aac/aac_syntax.h"
+#include "sdk/media/ffmpeg/ffmpeg_ptr.h"
 
 namespace tarnel_test {
 
@@ -14,27 +15,27 @@ DecodedAudio DecodeAac(const std::vector<std::shared_ptr<tarnel::audio::AudioFra
                        int sample_rate, int channels, bool raw) {
   DecodedAudio out;
   const AVCodec* codec = avcodec_find_decoder(AV_CODEC_ID_AAC);
-  AVCodecContext* context = avcodec_alloc_context3(codec);
+  tarnel::FfmpegPtr<AVCodecContext> context(avcodec_alloc_context3(codec));
+  tarnel::FfmpegPtr<AVPacket> packet(av_packet_alloc());
+  tarnel::FfmpegPtr<AVFrame> frame(av_frame_alloc());
   if (raw) {
     context->extradata = static_cast<uint8_t*>(av_mallocz(2 + AV_INPUT_BUFFER_PADDING_SIZE));
     context->extradata_size = 2;
     tarnel::audio::aac::MakeAudioSpecificConfig(
         context->extradata, tarnel::audio::aac::SamplingFrequencyIndex(sample_rate), channels);
   }
-  AVPacket* packet = av_packet_alloc();
-  AVFrame* frame = av_frame_alloc();
-  if (avcodec_open2(context, codec, nullptr) < 0) {
+  if (avcodec_open2(context.get(), codec, nullptr) < 0) {
     out.errors = static_cast<int>(access_units.size());
   } else {
     for (const auto& unit : access_units) {
-      if (!unit || av_new_packet(packet, static_cast<int>(unit->GetSize())) < 0) {
+      if (!unit || av_new_packet(packet.get(), static_cast<int>(unit->GetSize())) < 0) {
         ++out.errors;
         continue;
       }
       std::memcpy(packet->data, unit->GetData(), unit->GetSize());
-      if (avcodec_send_packet(context, packet) < 0) ++out.errors;
-      av_packet_unref(packet);
-      while (avcodec_receive_frame(context, frame) >= 0) {
+      if (avcodec_send_packet(context.get(), packet.get()) < 0) ++out.errors;
+      av_packet_unref(packet.get());
+      while (avcodec_receive_frame(context.get(), frame.get()) >= 0) {
         ++out.frames;
         const int frame_channels = frame->ch_layout.nb_channels;
         if (frame_channels != channels || frame->format != AV_SAMPLE_FMT_FLTP) {
@@ -49,9 +50,6 @@ DecodedAudio DecodeAac(const std::vector<std::shared_ptr<tarnel::audio::AudioFra
       }
     }
   }
-  av_frame_free(&frame);
-  av_packet_free(&packet);
-  avcodec_free_context(&context);
   return out;
 }
 

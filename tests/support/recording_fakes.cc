@@ -158,28 +158,19 @@ std::unique_ptr<tarnel::audio::AudioResampleInterface> MakeFakeResampler(int) {
 
 }  // namespace
 
-FakeWriterFactory::FakeWriterFactory() : state_(std::make_shared<FakeWriterState>()) {
-  scope_ =
-      std::make_unique<tarnel::extensions::local_recording::ScopedWriterBackendFactoryForTesting>(
-          [state = state_](LocalRecordingSegmentationWriter::Client* client) {
-            return std::make_unique<FakeStreamWriter>(state, client);
-          });
-}
+FakeWriterFactory::FakeWriterFactory()
+    : scope_([state = state_](LocalRecordingSegmentationWriter::Client* client) {
+        return std::make_unique<FakeStreamWriter>(state, client);
+      }) {}
 
-std::unique_ptr<tarnel::audio::AudioEncoder> FakeEncoderFactory::CreateAudioEncoder(int type) {
-  ++state_->created;
-  if (type != tarnel::audio::kAudioEncoderAac || state_->create_returns_null) return nullptr;
-  return std::make_unique<FakeAudioEncoder>(state_);
-}
+FakeEncoderFactory::FakeEncoderFactory()
+    : scope_([state = state_](int type) -> std::unique_ptr<tarnel::audio::AudioEncoder> {
+        ++state->created;
+        if (type != tarnel::audio::kAudioEncoderAac || state->create_returns_null) return nullptr;
+        return std::make_unique<FakeAudioEncoder>(state);
+      }) {}
 
-FakeResamplerScope::FakeResamplerScope() {
-  configure_calls = 0;
-  tarnel::audio::AudioResampleInterface::SetFactoryForTesting(&MakeFakeResampler);
-}
-
-FakeResamplerScope::~FakeResamplerScope() {
-  tarnel::audio::AudioResampleInterface::SetFactoryForTesting(nullptr);
-}
+FakeResamplerScope::FakeResamplerScope() : scope_(&MakeFakeResampler) { configure_calls = 0; }
 
 // ---------------------------------------------------------------------------------------
 

@@ -1,6 +1,7 @@
 // Test doubles at the recorder's seams: a client that records its callbacks, a writer
 // backend that records calls and fails on demand, an AAC encoder and a resampler that
-// do cheap, predictable work, and builders for frames.
+// do cheap, predictable work, and builders for frames. Each factory installs itself
+// through its seam's Scoped...ForTesting object for its lifetime.
 //
 //   tarnel_test::FakeWriterFactory writers;            // writers made now are fakes
 //   tarnel_test::FakeEncoderFactory encoders;          // so are AAC encoders
@@ -20,6 +21,7 @@
 #include "sdk/common/local_recording/local_recording.h"
 #include "sdk/media/audio_encoder.h"
 #include "sdk/media/audio_resampler.h"
+#include "sdk/media/scoped_audio_encoder_factory_for_testing.h"
 #include "sdk/media_stream_writer/local_recording_segmentation_writer.h"
 
 namespace tarnel_test {
@@ -104,8 +106,8 @@ class FakeWriterFactory {
   FakeWriterState& state() { return *state_; }
 
  private:
-  std::shared_ptr<FakeWriterState> state_;
-  std::unique_ptr<tarnel::extensions::local_recording::ScopedWriterBackendFactoryForTesting> scope_;
+  std::shared_ptr<FakeWriterState> state_ = std::make_shared<FakeWriterState>();
+  tarnel::extensions::local_recording::ScopedWriterBackendFactoryForTesting scope_;
 };
 
 // An AAC encoder double: consumes 1024 samples per channel and returns a small "AAC"
@@ -121,24 +123,27 @@ struct FakeEncoderState {
   int encode_calls = 0;
 };
 
-class FakeEncoderFactory : public tarnel::audio::AudioEncoderFactory2 {
+// While alive, AudioEncoderFactory2 makes FakeAudioEncoders reporting to state().
+class FakeEncoderFactory {
  public:
-  FakeEncoderFactory() { SetInstanceForTesting(this); }
-  ~FakeEncoderFactory() override { SetInstanceForTesting(nullptr); }
-  std::unique_ptr<tarnel::audio::AudioEncoder> CreateAudioEncoder(int type) override;
+  FakeEncoderFactory();
   FakeEncoderState& state() { return *state_; }
 
  private:
   std::shared_ptr<FakeEncoderState> state_ = std::make_shared<FakeEncoderState>();
+  tarnel::audio::ScopedAudioEncoderFactoryForTesting scope_;
 };
 
-// A resampler double that converts by nearest-sample picking and channel copying, so
-// sizes and formats come out exactly as a real one's would.
+// While alive, AudioResampleInterface::Create makes a resampler double that converts
+// by nearest-sample picking and channel copying, so sizes and formats come out exactly
+// as a real one's would.
 class FakeResamplerScope {
  public:
   FakeResamplerScope();
-  ~FakeResamplerScope();
   static inline std::atomic<int> configure_calls{0};
+
+ private:
+  tarnel::audio::ScopedAudioResamplerFactoryForTesting scope_;
 };
 
 // Builders.

@@ -11,6 +11,7 @@
 #include "sdk/base/file.h"
 #include "sdk/base/file_util.h"
 #include "sdk/base/location.h"
+#include "sdk/media_stream_writer/video_parser.h"
 
 namespace tarnel {
 namespace recording {
@@ -185,7 +186,8 @@ void LocalRecordingImpl::LogOverload(IntakeLimiter::Episode episode) {
 }
 
 void LocalRecordingImpl::SetEncodeParams(const video::EncodeParams& params) {
-  encode_params_ = params;
+  task_runner_->PostTask(FROM_HERE, tarn_base::BindOnce(&LocalRecordingImpl::SetEncodeParamsImpl,
+                                                        tarn_base::Unretained(this), params));
 }
 
 void LocalRecordingImpl::OnRecordingSegment(const std::string& path) {
@@ -236,6 +238,11 @@ void LocalRecordingImpl::StartImpl(const LocalRecordingInitialParams& params) {
   limiter_.ResetStats();
   is_recording_ = true;
   client_->OnRecordingStarted(this, kOk);
+}
+
+void LocalRecordingImpl::SetEncodeParamsImpl(const video::EncodeParams& params) {
+  assert(IsOnWorkerThread());
+  encode_params_ = params;
 }
 
 bool LocalRecordingImpl::IsRecordingFileExisted(const tarn_base::FilePath& path, bool segmented) {
@@ -864,7 +871,8 @@ bool LocalRecordingImpl::ProcessVideoFrame(std::unique_ptr<video::VideoFrame> fr
   const uint64_t pts = frame->pts - offset;  // Wraps like the source's 64-bit clock.
   video_duration_ms_ = static_cast<int64_t>(pts);
   frame->pts = pts;
-  frame->dts = frame->dts == 0 ? pts : frame->dts - offset;
+  // A missing dts (0) stays missing: the writer repairs dts, missing ones included.
+  if (frame->dts != 0) frame->dts -= offset;
   return CheckStreamWriteFailed(writer_->WriteVideoPacket(std::move(frame)));
 }
 
@@ -1031,33 +1039,14 @@ void LocalRecordingImpl::SendVideoMetaDataToMuxer() {
   metadata.codec_type = first.codec_type;
   metadata.width = first.width;
   metadata.height = first.height;
-  // An unknown codec gets no parser, neither a fresh one nor one from an earlier
-  // recording: the writer learns the codec from the metadata and refuses it.
-  if (first.codec_type == video::kCodecH264 || first.codec_type == video::kCodecH265) {
-    if (first.codec_type == video::kCodecH265) {
-      video_parser_ = std::make_unique<video::VideoHEVCParser>();
-    } else {
-      video_parser_ = std::make_unique<video::VideoAVCParser>();
-    }
-    const CopyOnWriteBuffer data = first.data;
-    const video::ParameterSetList sets =
-        video_parser_->ParseParameterSets(data.data(), data.size());
-    for (const auto& set : sets) {
-      switch (set->type) {
-        case video::kParameterSetVps:
-          metadata.vps = set->data;
-          break;
-        case video::kParameterSetSps:
-          metadata.sps = set->data;
-          break;
-        case video::kParameterSetPps:
-          metadata.pps = set->data;
-          break;
-        default:
-          break;
-      }
-    }
-  }
+  // One set of each type describes the stream: the last of its type in the key frame.
+  // An unknown codec's bytes are not parsed; the writer learns the codec from the
+  // metadata and refuses it.
+  const video::ParameterSetsByType sets =
+      video::ExtractParameterSets(first.codec_type, first.data.data(), first.data.size());
+  if (!sets.vps.empty()) metadata.vps = sets.vps.back();
+  if (!sets.sps.empty()) metadata.sps = sets.sps.back();
+  if (!sets.pps.empty()) metadata.pps = sets.pps.back();
   writer_->SetVideoMetaData(metadata);
 }
 

@@ -2,10 +2,10 @@
 //
 // One worker thread ("recording") owns every member below except task_runner_ (set once
 // in the constructor, read by the posting methods on callers' threads), limiter_
-// (thread-safe), frames_wait_for_timer_ (atomic) and encode_params_ (written by SetEncodeParams on
-// the caller's thread, read by nothing). Public calls post to the worker; timers fire on it; the
-// writer's segment notices arrive on it. Posted tasks and timer callbacks hold the recorder by
-// plain pointer: the destructor stops the thread, running what was posted, before any member goes.
+// (thread-safe) and frames_wait_for_timer_ (atomic). Public calls (SetEncodeParams too)
+// post to the worker; timers fire on it; the writer's segment notices arrive on it.
+// Posted tasks and timer callbacks hold the recorder by plain pointer: the destructor
+// stops the thread, running what was posted, before any member goes.
 //
 // Life of a recording: StartImpl checks the output and creates the writer; intake
 // caches frames until the streams of the record type have arrived; StartMuxerIfNeeded
@@ -34,7 +34,6 @@
 #include "sdk/media/audio_frame_ring_buffer.h"
 #include "sdk/media/audio_resampler.h"
 #include "sdk/media_stream_writer/local_recording_segmentation_writer.h"
-#include "sdk/media_stream_writer/video_parser.h"
 
 namespace tarnel {
 namespace recording {
@@ -79,6 +78,7 @@ class LocalRecordingImpl
 
   // Recorder control.
   void StartImpl(const LocalRecordingInitialParams& params);
+  void SetEncodeParamsImpl(const video::EncodeParams& params);
   void StopImpl();
   bool IsRecordingFileExisted(const tarn_base::FilePath& path, bool segmented);
   bool HasWriteAccess(const tarn_base::FilePath& path);
@@ -166,7 +166,6 @@ class LocalRecordingImpl
   tarn_base::RepeatingTimer progress_timer_;
   std::unique_ptr<tarn_base::RepeatingTimer> audio_process_timer_;
   tarn_base::OneShotTimer audio_process_delay_timer_;
-  std::unique_ptr<video::VideoParser> video_parser_;
   VideoCache video_frame_cache_;
   AudioCache audio_frame_cache_;  // Audio as it arrived.
   AudioCache audio_mux_cache_;    // Audio ready for the writer.
@@ -195,8 +194,8 @@ class LocalRecordingImpl
   bool output_path_existed_at_start_ = false;
   // The unusable-template warning is given once per recording.
   bool warned_unusable_muted_frame_ = false;
-
-  // Caller's thread, read by nothing.
+  // The application's video encoder settings, as SetEncodeParams last gave them: kept for
+  // reference, never acted on.
   video::EncodeParams encode_params_;
 };
 

@@ -38,16 +38,18 @@ FfmpegAacEncoder::FfmpegAacEncoder(Coder coder) : coder_(coder) {}
 FfmpegAacEncoder::~FfmpegAacEncoder() { Close(); }
 
 void FfmpegAacEncoder::Close() {
-  if (context_ != nullptr && packet_ != nullptr && avcodec_is_open(context_)) {
+  if (context_ && packet_ && avcodec_is_open(context_.get())) {
     // The last pieces are still inside the encoder and have no caller to go to. Draining
     // them anyway keeps libavcodec from warning about frames left in its queue.
-    if (avcodec_send_frame(context_, nullptr) >= 0) {
-      while (avcodec_receive_packet(context_, packet_) >= 0) av_packet_unref(packet_);
+    if (avcodec_send_frame(context_.get(), nullptr) >= 0) {
+      while (avcodec_receive_packet(context_.get(), packet_.get()) >= 0) {
+        av_packet_unref(packet_.get());
+      }
     }
   }
-  avcodec_free_context(&context_);
-  av_frame_free(&frame_);
-  av_packet_free(&packet_);
+  context_.reset();
+  frame_.reset();
+  packet_.reset();
   pending_.clear();
   next_pts_ = 0;
   sample_rate_ = 0;
@@ -96,10 +98,10 @@ bool FfmpegAacEncoder::Init(const AudioEncodeParams& params) {
   sample_rate_ = params.sample_rate;
   channels_ = params.channels;
   bitrate_ = params.bitrate;
-  context_ = avcodec_alloc_context3(codec);
-  packet_ = av_packet_alloc();
-  frame_ = av_frame_alloc();
-  if (context_ == nullptr || packet_ == nullptr || frame_ == nullptr) {
+  context_.reset(avcodec_alloc_context3(codec));
+  packet_.reset(av_packet_alloc());
+  frame_.reset(av_frame_alloc());
+  if (!context_ || !packet_ || !frame_) {
     TARN_LOG(tarn_logging::LS_ERROR, kLogConfig, this) << "out of memory";
     Close();
     return false;
@@ -112,7 +114,7 @@ bool FfmpegAacEncoder::Init(const AudioEncodeParams& params) {
   context_->time_base = AVRational{1, sample_rate_};
   AVDictionary* options = nullptr;
   av_dict_set(&options, "aac_coder", CoderName(coder_), 0);
-  int ret = avcodec_open2(context_, codec, &options);
+  int ret = avcodec_open2(context_.get(), codec, &options);
   av_dict_free(&options);
   if (ret < 0 || context_->frame_size != kAacSamplesPerFrame) {
     TARN_LOG(tarn_logging::LS_ERROR, kLogConfig, this)
@@ -126,7 +128,7 @@ bool FfmpegAacEncoder::Init(const AudioEncodeParams& params) {
   frame_->sample_rate = sample_rate_;
   frame_->nb_samples = kAacSamplesPerFrame;
   if (av_channel_layout_copy(&frame_->ch_layout, &context_->ch_layout) < 0 ||
-      av_frame_get_buffer(frame_, 0) < 0) {
+      av_frame_get_buffer(frame_.get(), 0) < 0) {
     TARN_LOG(tarn_logging::LS_ERROR, kLogConfig, this) << "cannot allocate the input frame";
     Close();
     return false;
@@ -154,9 +156,7 @@ bool FfmpegAacEncoder::Init(const AudioEncodeParams& params) {
 }
 
 int32_t FfmpegAacEncoder::GetInputSizeInBytes() const {
-  return context_ == nullptr
-             ? 0
-             : kAacSamplesPerFrame * channels_ * static_cast<int32_t>(sizeof(int16_t));
+  return !context_ ? 0 : kAacSamplesPerFrame * channels_ * static_cast<int32_t>(sizeof(int16_t));
 }
 
 int32_t FfmpegAacEncoder::GetPrimingSamples() const { return priming_samples_; }
@@ -165,7 +165,7 @@ std::shared_ptr<AudioFrame> FfmpegAacEncoder::Encode(std::shared_ptr<AudioFrame>
   if (!AcceptsInput(input.get())) return nullptr;
 
   // The encoder may still reference the previous frame's buffers.
-  int ret = av_frame_make_writable(frame_);
+  int ret = av_frame_make_writable(frame_.get());
   if (ret < 0) {
     TARN_LOG(tarn_logging::LS_ERROR, kLogConfig, this)
         << "cannot write the input frame: " << FfmpegErrorText(ret);
@@ -202,16 +202,16 @@ std::shared_ptr<AudioFrame> FfmpegAacEncoder::Encode(std::shared_ptr<AudioFrame>
 bool FfmpegAacEncoder::SendInput() {
   frame_->pts = next_pts_;
   next_pts_ += kAacSamplesPerFrame;
-  int ret = avcodec_send_frame(context_, frame_);
+  int ret = avcodec_send_frame(context_.get(), frame_.get());
   if (ret < 0) {
     TARN_LOG(tarn_logging::LS_ERROR, kLogConfig, this)
         << "avcodec_send_frame: " << FfmpegErrorText(ret);
     return false;
   }
   // Draining after every send means send never meets a full encoder (EAGAIN).
-  while ((ret = avcodec_receive_packet(context_, packet_)) >= 0) {
+  while ((ret = avcodec_receive_packet(context_.get(), packet_.get())) >= 0) {
     pending_.emplace_back(packet_->data, packet_->data + packet_->size);
-    av_packet_unref(packet_);
+    av_packet_unref(packet_.get());
   }
   if (ret != AVERROR(EAGAIN)) {
     TARN_LOG(tarn_logging::LS_ERROR, kLogConfig, this)

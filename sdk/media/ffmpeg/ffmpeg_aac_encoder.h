@@ -7,9 +7,9 @@
 //   if (!encoder.Init(params)) { ... }
 //   std::shared_ptr<AudioFrame> au = encoder.Encode(pcm_piece);  // 1024 samples/channel
 //
-// Every Encode() returns exactly one access unit, from the first call on. The audio it
-// decodes to begins GetPrimingSamples() (2048) samples before the input piece's
-// timestamp it carries; the writer shifts it back.
+// Every Encode() returns exactly one access unit, from the first call on, stamped with
+// the input piece's timestamp. Its encoder delay (AudioEncoder::GetPrimingSamples) is
+// 2048: the audio a unit decodes to begins 2048 samples before its stamp.
 #ifndef SDK_MEDIA_FFMPEG_FFMPEG_AAC_ENCODER_H_
 #define SDK_MEDIA_FFMPEG_FFMPEG_AAC_ENCODER_H_
 
@@ -20,10 +20,7 @@
 
 #include "sdk/media/audio_encoder.h"
 #include "sdk/media/audio_frame.h"
-
-struct AVCodecContext;
-struct AVFrame;
-struct AVPacket;
+#include "sdk/media/ffmpeg/ffmpeg_ptr.h"
 
 namespace tarnel {
 namespace audio {
@@ -70,9 +67,9 @@ class FfmpegAacEncoder : public AudioEncoder {
                                          uint32_t timestamp_ms) const;
 
   const Coder coder_;
-  AVCodecContext* context_ = nullptr;
-  AVFrame* frame_ = nullptr;
-  AVPacket* packet_ = nullptr;
+  FfmpegPtr<AVCodecContext> context_;
+  FfmpegPtr<AVFrame> frame_;
+  FfmpegPtr<AVPacket> packet_;
   // Access units made but not yet handed out. After the silent pre-feed each send makes
   // exactly one, and Encode() hands out the oldest. Should the encoder ever make more
   // (it does not in FFmpeg 5.x), the extras wait here and go out with the next inputs'

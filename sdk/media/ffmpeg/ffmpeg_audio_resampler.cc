@@ -29,10 +29,10 @@ bool ValidChannels(int channels) { return channels == 1 || channels == 2; }
 
 }  // namespace
 
-FfmpegAudioResampler::~FfmpegAudioResampler() { Free(); }
+FfmpegAudioResampler::~FfmpegAudioResampler() = default;
 
 void FfmpegAudioResampler::Free() {
-  swr_free(&swr_);
+  swr_.reset();
   in_sample_rate_ = 0;
   in_channels_ = 0;
   out_sample_rate_ = 0;
@@ -41,7 +41,7 @@ void FfmpegAudioResampler::Free() {
 
 int FfmpegAudioResampler::Configure(int in_sample_rate, int in_channels, int out_sample_rate,
                                     int out_channels) {
-  if (swr_ != nullptr && in_sample_rate == in_sample_rate_ && in_channels == in_channels_ &&
+  if (swr_ && in_sample_rate == in_sample_rate_ && in_channels == in_channels_ &&
       out_sample_rate == out_sample_rate_ && out_channels == out_channels_) {
     return 0;
   }
@@ -58,18 +58,20 @@ int FfmpegAudioResampler::Configure(int in_sample_rate, int in_channels, int out
   AVChannelLayout out_layout;
   av_channel_layout_default(&in_layout, in_channels);
   av_channel_layout_default(&out_layout, out_channels);
-  int ret = swr_alloc_set_opts2(&swr_, &out_layout, AV_SAMPLE_FMT_S16, out_sample_rate, &in_layout,
+  SwrContext* swr = nullptr;
+  int ret = swr_alloc_set_opts2(&swr, &out_layout, AV_SAMPLE_FMT_S16, out_sample_rate, &in_layout,
                                 AV_SAMPLE_FMT_S16, in_sample_rate, 0, nullptr);
+  swr_.reset(swr);
   // swresample's own up-mix puts mono at -3 dB on each side (its down-mix to s16 happens
   // to come out as the average, after renormalising 1/sqrt(2) weights). Spell out both
   // so that levels do not depend on swresample's defaults.
   if (ret >= 0 && in_channels != out_channels) {
     static const double kStereoToMono[] = {0.5, 0.5};
     static const double kMonoToStereo[] = {1.0, 1.0};
-    ret = in_channels == 2 ? swr_set_matrix(swr_, kStereoToMono, 2)
-                           : swr_set_matrix(swr_, kMonoToStereo, 1);
+    ret = in_channels == 2 ? swr_set_matrix(swr_.get(), kStereoToMono, 2)
+                           : swr_set_matrix(swr_.get(), kMonoToStereo, 1);
   }
-  if (ret >= 0) ret = swr_init(swr_);
+  if (ret >= 0) ret = swr_init(swr_.get());
   av_channel_layout_uninit(&in_layout);
   av_channel_layout_uninit(&out_layout);
   if (ret < 0) {
@@ -97,7 +99,7 @@ int FfmpegAudioResampler::Fail(AudioFrame* output, const std::string& reason) {
 
 int FfmpegAudioResampler::Resample(const AudioFrame& input, AudioFrame* output) {
   if (output == nullptr) return Fail(output, "no output frame");
-  if (swr_ == nullptr) return Fail(output, "Resample before a successful Configure");
+  if (!swr_) return Fail(output, "Resample before a successful Configure");
   if (input.GetAudioFrameFormat() != kPcm) return Fail(output, "input is not PCM");
   if ((input.GetSampleRate() != 0 && input.GetSampleRate() != in_sample_rate_) ||
       (input.GetChannels() != 0 && input.GetChannels() != in_channels_)) {
@@ -114,12 +116,12 @@ int FfmpegAudioResampler::Resample(const AudioFrame& input, AudioFrame* output) 
   // (swr_convert with no input would flush the history and break the stream).
   int produced = 0;
   if (in_samples > 0) {
-    const int capacity = swr_get_out_samples(swr_, in_samples);
+    const int capacity = swr_get_out_samples(swr_.get(), in_samples);
     if (capacity < 0) return Fail(output, "swr_get_out_samples failed");
     out_buffer_.resize(static_cast<size_t>(capacity) * out_channels_);
     uint8_t* out_planes[] = {reinterpret_cast<uint8_t*>(out_buffer_.data())};
     const uint8_t* in_planes[] = {input.GetData()};
-    produced = swr_convert(swr_, out_planes, capacity, in_planes, in_samples);
+    produced = swr_convert(swr_.get(), out_planes, capacity, in_planes, in_samples);
     if (produced < 0) return Fail(output, "swr_convert: " + FfmpegErrorText(produced));
   }
   failure_logged_ = false;

@@ -18,8 +18,7 @@
 
 #include "sdk/media/audio_frame.h"
 #include "sdk/media/audio_resampler.h"
-
-struct SwrContext;
+#include "sdk/media/ffmpeg/ffmpeg_ptr.h"
 
 namespace tarnel {
 namespace audio {
@@ -50,7 +49,7 @@ class FfmpegAudioResampler : public AudioResampleInterface {
   void Free();
   int Fail(AudioFrame* output, const std::string& reason);
 
-  SwrContext* swr_ = nullptr;
+  FfmpegPtr<SwrContext> swr_;
   int in_sample_rate_ = 0;
   int in_channels_ = 0;
   int out_sample_rate_ = 0;

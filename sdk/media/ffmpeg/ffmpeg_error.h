@@ -1,4 +1,6 @@
-// Text for FFmpeg's negative error codes, for log messages at the libav* boundary.
+// Text for FFmpeg's negative error codes, for log messages at the libav* boundary: the
+// one helper for both ffmpeg/ folders (the AAC encoder and resampler, the container
+// muxer).
 //
 //   if (int ret = avcodec_open2(context, codec, nullptr); ret < 0) {
 //     TARN_LOG(tarn_logging::LS_ERROR, kLogConfig, this) << "open: " << FfmpegErrorText(ret);

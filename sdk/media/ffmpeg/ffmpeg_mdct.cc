@@ -6,6 +6,7 @@ extern "C" {
 }
 
 #include "sdk/media/aac/mdct.h"
+#include "sdk/media/ffmpeg/ffmpeg_ptr.h"
 
 namespace tarnel {
 namespace audio {
@@ -15,21 +16,23 @@ namespace {
 
 class FfmpegMdct : public Mdct {
  public:
-  ~FfmpegMdct() override { av_tx_uninit(&context_); }
-
   bool Init(int lines) {
     // av_tx's forward MDCT is the plain cosine sum; our convention doubles it.
     const float scale = 2.0f;
-    return av_tx_init(&context_, &transform_, AV_TX_FLOAT_MDCT, /*inv=*/0, lines, &scale, 0) == 0;
+    AVTXContext* context = nullptr;
+    const int result =
+        av_tx_init(&context, &transform_, AV_TX_FLOAT_MDCT, /*inv=*/0, lines, &scale, 0);
+    context_.reset(context);
+    return result == 0;
   }
 
   void Forward(const float* input, float* output) override {
     // av_tx does not write its input; the signature is not const-correct.
-    transform_(context_, output, const_cast<float*>(input), sizeof(float));
+    transform_(context_.get(), output, const_cast<float*>(input), sizeof(float));
   }
 
  private:
-  AVTXContext* context_ = nullptr;
+  FfmpegPtr<AVTXContext> context_;
   av_tx_fn transform_ = nullptr;
 };
 

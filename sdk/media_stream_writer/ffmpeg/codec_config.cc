@@ -1,7 +1,5 @@
 #include "sdk/media_stream_writer/ffmpeg/codec_config.h"
 
-#include <cstring>
-
 #include "sdk/media/aac/aac_syntax.h"
 #include "sdk/media/aac/aac_tables.h"
 
@@ -78,22 +76,6 @@ Bytes Unescape(const Bytes& nal) {
 void PutU16(Bytes* out, size_t value) {
   out->push_back(static_cast<uint8_t>(value >> 8));
   out->push_back(static_cast<uint8_t>(value));
-}
-
-// Position of the 0x01 ending the first 00 00 01 at or after `from`, or `size`. Slice
-// data holds a 0x01 about once in 256 bytes, so looking for those with memchr (vectorised
-// in libc) and checking the two bytes before each is several times faster than testing
-// every byte: the writer runs this over every access unit.
-size_t FindStartCode(const uint8_t* data, size_t size, size_t from) {
-  size_t i = from + 2;
-  while (i < size) {
-    const void* one = std::memchr(data + i, 1, size - i);
-    if (one == nullptr) return size;
-    i = static_cast<size_t>(static_cast<const uint8_t*>(one) - data);
-    if (data[i - 1] == 0 && data[i - 2] == 0) return i;
-    ++i;
-  }
-  return size;
 }
 
 struct AvcSpsInfo {
@@ -196,21 +178,6 @@ bool AllFit16(const std::vector<Bytes>& units) {
 }
 
 }  // namespace
-
-std::vector<NalUnitView> SplitAnnexB(const uint8_t* data, size_t size) {
-  std::vector<NalUnitView> units;
-  if (data == nullptr) return units;
-  size_t start_code = FindStartCode(data, size, 0);
-  while (start_code < size) {
-    const size_t begin = start_code + 1;
-    const size_t next = FindStartCode(data, size, begin);
-    size_t end = next < size ? next - 2 : size;
-    while (end > begin && data[end - 1] == 0) --end;
-    if (end > begin) units.push_back({data + begin, end - begin});
-    start_code = next;
-  }
-  return units;
-}
 
 Bytes AnnexBToLengthPrefixed(const uint8_t* data, size_t size) {
   const std::vector<NalUnitView> units = SplitAnnexB(data, size);

@@ -1,6 +1,6 @@
 // Byte-level codec plumbing for the container writer, free of any library: Annex-B
-// access units to length-prefixed samples, the avcC / hvcC decoder configuration
-// records that MP4 and Matroska carry as codec private data, and the AAC
+// access units (split by annexb.h) to length-prefixed samples, the avcC / hvcC decoder
+// configuration records that MP4 and Matroska carry as codec private data, and the AAC
 // AudioSpecificConfig and ADTS header.
 #ifndef SDK_MEDIA_STREAM_WRITER_FFMPEG_CODEC_CONFIG_H_
 #define SDK_MEDIA_STREAM_WRITER_FFMPEG_CODEC_CONFIG_H_
@@ -9,21 +9,12 @@
 #include <cstdint>
 #include <vector>
 
+#include "sdk/media_stream_writer/annexb.h"
+
 namespace tarnel {
 namespace media_stream_writer {
 
 using Bytes = std::vector<uint8_t>;
-
-// One NAL unit inside a caller's buffer: header included, start code excluded.
-struct NalUnitView {
-  const uint8_t* data;
-  size_t size;
-};
-
-// The NAL units of an Annex-B byte stream, in order. Bytes before the first start code
-// are not a unit; trailing zero bytes of a unit (the next 4-byte start code's leading
-// zero, trailing_zero_8bits) are not part of it; empty units are skipped.
-std::vector<NalUnitView> SplitAnnexB(const uint8_t* data, size_t size);
 
 // The access unit as an MP4/Matroska sample: every NAL unit behind a 4-byte big-endian
 // length. Empty when the input holds no NAL unit.

@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "sdk/base/logging.h"
+#include "sdk/media/ffmpeg/ffmpeg_error.h"
 
 extern "C" {
 #include <libavcodec/avcodec.h>
@@ -19,13 +20,6 @@ namespace {
 
 constexpr tarn_logging::LogConfig kLogConfig{"media_stream_writer"};
 constexpr int kIoBufferSize = 64 * 1024;
-
-// FFmpeg's text for a negative error code. (av_err2str is a C compound literal.)
-std::string AvErrorText(int error) {
-  char text[AV_ERROR_MAX_STRING_SIZE] = {};
-  av_strerror(error, text, sizeof(text));
-  return text;
-}
 
 const char* MuxerName(ContainerMuxer::Container container) {
   switch (container) {
@@ -69,19 +63,18 @@ bool SetExtradata(AVCodecParameters* parameters, const Bytes& bytes) {
 struct FfmpegContainerMuxer::StreamState {
   AVStream* stream = nullptr;
   AVRational input_time_base{1, 1000};
-  AVPacket* held = nullptr;  // Valid when has_held.
+  FfmpegPtr<AVPacket> held;  // Valid when has_held.
   bool has_held = false;
   int64_t held_nominal_duration = 0;
   int64_t muxed = 0;
-
-  ~StreamState() { av_packet_free(&held); }
 };
 
 bool ProbeVideoSize(bool hevc, const uint8_t* data, size_t size, int* width, int* height) {
-  AVCodecParserContext* parser = av_parser_init(hevc ? AV_CODEC_ID_HEVC : AV_CODEC_ID_H264);
-  AVCodecContext* codec = avcodec_alloc_context3(nullptr);
+  FfmpegPtr<AVCodecParserContext> parser(
+      av_parser_init(hevc ? AV_CODEC_ID_HEVC : AV_CODEC_ID_H264));
+  FfmpegPtr<AVCodecContext> codec(avcodec_alloc_context3(nullptr));
   bool found = false;
-  if (parser != nullptr && codec != nullptr) {
+  if (parser && codec) {
     codec->codec_type = AVMEDIA_TYPE_VIDEO;
     codec->codec_id = hevc ? AV_CODEC_ID_HEVC : AV_CODEC_ID_H264;
     parser->flags |= PARSER_FLAG_COMPLETE_FRAMES;
@@ -90,16 +83,14 @@ bool ProbeVideoSize(bool hevc, const uint8_t* data, size_t size, int* width, int
     padded.resize(size + AV_INPUT_BUFFER_PADDING_SIZE, 0);
     uint8_t* out = nullptr;
     int out_size = 0;
-    av_parser_parse2(parser, codec, &out, &out_size, padded.data(), static_cast<int>(size),
-                     AV_NOPTS_VALUE, AV_NOPTS_VALUE, 0);
+    av_parser_parse2(parser.get(), codec.get(), &out, &out_size, padded.data(),
+                     static_cast<int>(size), AV_NOPTS_VALUE, AV_NOPTS_VALUE, 0);
     found = parser->width > 0 && parser->height > 0;
     if (found) {
       *width = parser->width;
       *height = parser->height;
     }
   }
-  av_parser_close(parser);
-  avcodec_free_context(&codec);
   return found;
 }
 
@@ -118,36 +109,38 @@ FfmpegContainerMuxer::~FfmpegContainerMuxer() {
 }
 
 bool FfmpegContainerMuxer::Open() {
-  int result =
-      avformat_alloc_output_context2(&context_, nullptr, MuxerName(container_), path().c_str());
-  if (result < 0 || context_ == nullptr) {
+  AVFormatContext* context = nullptr;
+  const int result =
+      avformat_alloc_output_context2(&context, nullptr, MuxerName(container_), path().c_str());
+  context_.reset(context);
+  if (result < 0 || !context_) {
     TARN_LOG(tarn_logging::LS_ERROR, kLogConfig, this)
-        << "no " << MuxerName(container_) << " muxer: " << AvErrorText(result);
+        << "no " << MuxerName(container_) << " muxer: " << audio::FfmpegErrorText(result);
     return false;
   }
   file_ = OutputFile::Create(path());
   if (!file_) return false;
-  auto* buffer = static_cast<unsigned char*>(av_malloc(kIoBufferSize));
-  if (buffer != nullptr) {
-    io_ = avio_alloc_context(buffer, kIoBufferSize, /*write_flag=*/1, file_.get(), nullptr,
-                             &WriteToFile, &SeekInFile);
+  FfmpegPtr<uint8_t> buffer(static_cast<uint8_t*>(av_malloc(kIoBufferSize)));
+  if (buffer) {
+    io_.reset(avio_alloc_context(buffer.get(), kIoBufferSize, /*write_flag=*/1, file_.get(),
+                                 nullptr, &WriteToFile, &SeekInFile));
+    if (io_) buffer.release();  // io_ frees it.
   }
-  if (io_ == nullptr) {
-    av_free(buffer);
+  if (!io_) {
     TARN_LOG(tarn_logging::LS_ERROR, kLogConfig, this) << "out of memory opening " << path();
     return false;
   }
-  context_->pb = io_;
+  context_->pb = io_.get();
   context_->flags |= AVFMT_FLAG_CUSTOM_IO;
   return true;
 }
 
 int FfmpegContainerMuxer::AddStream(int time_base_den) {
-  if (header_written_ || context_ == nullptr) return -1;
-  AVStream* stream = avformat_new_stream(context_, nullptr);
+  if (header_written_ || !context_) return -1;
+  AVStream* stream = avformat_new_stream(context_.get(), nullptr);
   auto state = std::make_unique<StreamState>();
-  state->held = av_packet_alloc();
-  if (stream == nullptr || state->held == nullptr) {
+  state->held.reset(av_packet_alloc());
+  if (stream == nullptr || !state->held) {
     TARN_LOG(tarn_logging::LS_ERROR, kLogConfig, this) << "out of memory adding a stream";
     return -1;
   }
@@ -192,7 +185,7 @@ int FfmpegContainerMuxer::AddAudioStream(const AudioStreamConfig& config) {
 }
 
 bool FfmpegContainerMuxer::WriteHeader() {
-  if (header_written_ || context_ == nullptr || streams_.empty()) return false;
+  if (header_written_ || !context_ || streams_.empty()) return false;
   AVDictionary* options = nullptr;
   switch (container_) {
     case kMp4:
@@ -206,12 +199,12 @@ bool FfmpegContainerMuxer::WriteHeader() {
     case kAdts:
       break;
   }
-  const int result = avformat_write_header(context_, &options);
+  const int result = avformat_write_header(context_.get(), &options);
   av_dict_free(&options);
   if (result < 0) {
     TARN_LOG(tarn_logging::LS_ERROR, kLogConfig, this)
         << "cannot write the " << MuxerName(container_) << " header of " << path() << ": "
-        << AvErrorText(result);
+        << audio::FfmpegErrorText(result);
     return false;
   }
   header_written_ = true;
@@ -232,7 +225,7 @@ bool FfmpegContainerMuxer::WritePacket(int stream_index, const uint8_t* data, si
   bool ok = true;
   if (stream->has_held) ok = MuxHeld(stream, dts);
 
-  AVPacket* packet = stream->held;
+  AVPacket* packet = stream->held.get();
   if (av_new_packet(packet, static_cast<int>(size)) < 0) {
     TARN_LOG(tarn_logging::LS_ERROR, kLogConfig, this) << "out of memory for a packet";
     return false;
@@ -248,7 +241,7 @@ bool FfmpegContainerMuxer::WritePacket(int stream_index, const uint8_t* data, si
 }
 
 bool FfmpegContainerMuxer::MuxHeld(StreamState* stream, int64_t next_dts) {
-  AVPacket* packet = stream->held;
+  AVPacket* packet = stream->held.get();
   stream->has_held = false;
   if (file_->broken()) {
     av_packet_unref(packet);
@@ -258,12 +251,12 @@ bool FfmpegContainerMuxer::MuxHeld(StreamState* stream, int64_t next_dts) {
                          ? next_dts - packet->dts
                          : stream->held_nominal_duration;
   av_packet_rescale_ts(packet, stream->input_time_base, stream->stream->time_base);
-  const int result = av_write_frame(context_, packet);
+  const int result = av_write_frame(context_.get(), packet);
   av_packet_unref(packet);
   if (result < 0) {
     TARN_LOG(tarn_logging::LS_ERROR, kLogConfig, this)
         << "cannot write a packet of stream " << stream->stream->index << " to " << path() << ": "
-        << AvErrorText(result);
+        << audio::FfmpegErrorText(result);
   } else {
     ++stream->muxed;
   }
@@ -274,14 +267,14 @@ bool FfmpegContainerMuxer::MuxHeld(StreamState* stream, int64_t next_dts) {
     for (const auto& state : streams_) all = all && state->muxed > 0;
     if (all) {
       first_unit_cut_ = true;
-      av_write_frame(context_, nullptr);
+      av_write_frame(context_.get(), nullptr);
     }
   }
   return FlushToDisk() && result >= 0;
 }
 
 bool FfmpegContainerMuxer::FlushToDisk() {
-  avio_flush(io_);
+  avio_flush(io_.get());
   if (file_->has_backlog() || file_->broken()) return false;
   file_->Commit();
   return true;
@@ -298,11 +291,11 @@ int64_t FfmpegContainerMuxer::Finish() {
   }
   if (!file_->Drain()) file_->Break();
   if (!file_->broken()) {
-    const int result = av_write_trailer(context_);
-    avio_flush(io_);
+    const int result = av_write_trailer(context_.get());
+    avio_flush(io_.get());
     if (result < 0) {
       TARN_LOG(tarn_logging::LS_ERROR, kLogConfig, this)
-          << "cannot finish " << path() << ": " << AvErrorText(result);
+          << "cannot finish " << path() << ": " << audio::FfmpegErrorText(result);
     }
     if (result < 0 || !file_->Drain()) file_->Break();
   }
@@ -320,15 +313,9 @@ void FfmpegContainerMuxer::Discard() {
 }
 
 void FfmpegContainerMuxer::Close() {
-  if (context_ != nullptr) {
-    context_->pb = nullptr;
-    avformat_free_context(context_);
-    context_ = nullptr;
-  }
-  if (io_ != nullptr) {
-    av_freep(&io_->buffer);
-    avio_context_free(&io_);
-  }
+  if (context_) context_->pb = nullptr;  // io_ is ours.
+  context_.reset();
+  io_.reset();
   streams_.clear();
 }
 

@@ -20,12 +20,9 @@
 #include <string>
 #include <vector>
 
+#include "sdk/media/ffmpeg/ffmpeg_ptr.h"
 #include "sdk/media_stream_writer/container_muxer.h"
 #include "sdk/media_stream_writer/output_file.h"
-
-struct AVFormatContext;
-struct AVIOContext;
-struct AVPacket;
 
 namespace tarnel {
 namespace media_stream_writer {
@@ -63,8 +60,8 @@ class FfmpegContainerMuxer : public ContainerMuxer {
 
   const Container container_;
   std::unique_ptr<OutputFile> file_;
-  AVFormatContext* context_ = nullptr;
-  AVIOContext* io_ = nullptr;
+  FfmpegPtr<AVFormatContext> context_;
+  FfmpegPtr<AVIOContext> io_;  // The file_ behind context_; not the context's to free.
   std::vector<std::unique_ptr<StreamState>> streams_;
   bool header_written_ = false;
   bool first_unit_cut_ = false;

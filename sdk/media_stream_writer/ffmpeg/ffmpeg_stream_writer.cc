@@ -75,6 +75,18 @@ Bytes ToBytes(const CopyOnWriteBuffer& buffer) {
   return buffer.empty() ? Bytes() : Bytes(buffer.data(), buffer.data() + buffer.size());
 }
 
+// A parameter set that is more than its NAL header: a bare header (the parser returns
+// those too) describes nothing and counts as absent.
+bool HasBody(const CopyOnWriteBuffer& set, bool hevc) { return set.size() > (hevc ? 2u : 1u); }
+
+std::vector<Bytes> SetsWithBody(const std::vector<CopyOnWriteBuffer>& sets, bool hevc) {
+  std::vector<Bytes> out;
+  for (const CopyOnWriteBuffer& set : sets) {
+    if (HasBody(set, hevc)) out.push_back(ToBytes(set));
+  }
+  return out;
+}
+
 // a / b rounded to nearest, for a >= 0, b > 0.
 int64_t RoundDiv(int64_t a, int64_t b) { return (a + b / 2) / b; }
 
@@ -158,11 +170,9 @@ int FfmpegStreamWriter::Start(const std::string& path, MediaFormat format, Local
     video_.hevc = codec == video::kCodecH265;
     video_.width = static_cast<int>(video_metadata_.width);
     video_.height = static_cast<int>(video_metadata_.height);
-    // A set that is only a NAL header (the parser can return those) counts as absent.
-    const size_t header = video_.hevc ? 2 : 1;
-    const bool has_sets = video_metadata_.sps.size() > header &&
-                          video_metadata_.pps.size() > header &&
-                          (!video_.hevc || video_metadata_.vps.size() > header);
+    const bool has_sets = HasBody(video_metadata_.sps, video_.hevc) &&
+                          HasBody(video_metadata_.pps, video_.hevc) &&
+                          (!video_.hevc || HasBody(video_metadata_.vps, video_.hevc));
     if (has_sets) {
       const Bytes vps = ToBytes(video_metadata_.vps);
       video_.decoder_config =
@@ -253,32 +263,11 @@ int FfmpegStreamWriter::WriteVideoPacket(std::unique_ptr<video::VideoFrame> fram
 
 bool FfmpegStreamWriter::ConfigureVideoFromKeyFrame(const video::VideoFrame& frame) {
   if (video_.decoder_config.empty()) {
-    std::unique_ptr<video::VideoParser> parser;
-    if (video_.hevc) {
-      parser = std::make_unique<video::VideoHEVCParser>();
-    } else {
-      parser = std::make_unique<video::VideoAVCParser>();
-    }
-    std::vector<Bytes> vps;
-    std::vector<Bytes> sps;
-    std::vector<Bytes> pps;
-    for (const auto& set : parser->ParseParameterSets(frame.data.data(), frame.data.size())) {
-      // The parser also returns bare headers; a set needs a body to be of use.
-      if (set->data.size() <= (video_.hevc ? 2u : 1u)) continue;
-      switch (set->type) {
-        case video::kParameterSetVps:
-          vps.push_back(ToBytes(set->data));
-          break;
-        case video::kParameterSetSps:
-          sps.push_back(ToBytes(set->data));
-          break;
-        case video::kParameterSetPps:
-          pps.push_back(ToBytes(set->data));
-          break;
-        default:
-          break;
-      }
-    }
+    const video::ParameterSetsByType sets =
+        video::ExtractParameterSets(frame.codec_type, frame.data.data(), frame.data.size());
+    const std::vector<Bytes> vps = SetsWithBody(sets.vps, video_.hevc);
+    const std::vector<Bytes> sps = SetsWithBody(sets.sps, video_.hevc);
+    const std::vector<Bytes> pps = SetsWithBody(sets.pps, video_.hevc);
     if (!sps.empty() && !pps.empty() && (!video_.hevc || !vps.empty())) {
       video_.decoder_config = video_.hevc
                                   ? media_stream_writer::BuildHevcDecoderConfig(vps, sps, pps)
@@ -520,6 +509,9 @@ bool FfmpegStreamWriter::WriteHeaderAndPending() {
 }
 
 int FfmpegStreamWriter::WriteVideoNow(std::unique_ptr<video::VideoFrame> frame) {
+  // The recording's one dts repair: a missing dts (0) is the pts, a dts past its pts is
+  // the pts, and (below, in the stream's time base) a dts that does not increase is
+  // moved just past the previous one.
   const int64_t pts = static_cast<int64_t>(frame->pts);
   int64_t dts = frame->dts == 0 ? pts : static_cast<int64_t>(frame->dts);
   if (dts > pts) dts = pts;

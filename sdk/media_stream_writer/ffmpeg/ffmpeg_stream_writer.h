@@ -10,16 +10,19 @@
 //  - Audio: AAC (raw or behind ADTS headers, which are stripped) or PCM s16, learnt
 //    from the first packet. AAC is placed sample-exactly: a packet whose timestamp is
 //    within half a frame of where the previous one ended continues it. A frame's
-//    encoder delay D (GetEncoderDelaySamples) is applied here and nowhere else: the
-//    packets that carry only the encoder's start-up become decoder pre-roll, which the
-//    finished MP4 keeps and hides with its edit list, and the rest is placed D samples
-//    earlier (docs/design.md, "AAC encoder delay, per container").
+//    encoder delay D (GetEncoderDelaySamples, see AudioEncoder::GetPrimingSamples) is
+//    applied here and nowhere else: every packet is placed D samples before its stamp,
+//    so that decoded audio starts with the first input sample; the packets that carry
+//    only the encoder's start-up go to the muxer as decoder pre-roll, which MP4 and
+//    M4A keep (hidden by the finished file's edit list) and Matroska and ADTS drop
+//    (docs/design.md, "AAC encoder delay, per container").
 //  - The header waits until every expected stream is configured (the video from the
 //    metadata or its first key frame, the audio from its first packet); packets that
 //    arrive before that are held, up to 2 s of media or 300 packets, after which the
 //    missing stream is left out of the file.
 //  - Timestamps: each stream's dts is kept strictly increasing; a repaired dts pulls
-//    the pts along when it would pass it. Video in 1/90000 s in MP4, ms in Matroska.
+//    the pts along when it would pass it. A missing video dts (0) is the pts. This is
+//    the recording's only dts repair. Video in 1/90000 s in MP4, ms in Matroska.
 //  - Segments: a new file starts at the first video key frame (audio-only: audio
 //    frame) at or after `segment_interval` seconds past the current file's start. Each
 //    file starts at 0. With audio and video the old file stays open until the audio
@@ -99,7 +102,7 @@ class FfmpegStreamWriter : public MediaStreamWriter {
     int64_t segment_shift = 0;  // Added in this segment to keep positions >= 0.
     bool segment_has_audio = false;
     bool priming_known = false;
-    int64_t priming_packets_left = 0;  // Encoder start-up packets still to drop.
+    int64_t priming_packets_left = 0;  // Encoder start-up packets still to come (pre-roll).
   };
   struct PendingPacket {
     std::unique_ptr<video::VideoFrame> video;

@@ -10,6 +10,7 @@
 #include <memory>
 #include <vector>
 
+#include "sdk/base/errno_text.h"
 #include "sdk/media_stream_writer/mp4/mp4_boxes.h"
 
 namespace tarnel {
@@ -289,13 +290,13 @@ PrerollBox ReadPrerollBox(File* file, int64_t pos, int64_t limit,
 RepairResult RepairMp4File(const std::string& path, std::string* message) {
   const int fd = open(path.c_str(), O_RDWR | O_CLOEXEC);
   if (fd < 0) {
-    *message = "cannot open " + path + ": " + std::strerror(errno);
+    *message = "cannot open " + path + ": " + tarn_base::ErrnoText(errno);
     return RepairResult::kFailed;
   }
   File file(fd);
   struct stat info;
   if (fstat(fd, &info) != 0) {
-    *message = "cannot read " + path + ": " + std::strerror(errno);
+    *message = "cannot read " + path + ": " + tarn_base::ErrnoText(errno);
     return RepairResult::kFailed;
   }
   const int64_t file_size = info.st_size;
@@ -440,7 +441,7 @@ RepairResult RepairMp4File(const std::string& path, std::string* message) {
   if (!file.Write(end, final_moov) ||
       ftruncate(fd, static_cast<off_t>(end) + final_moov.size()) != 0 || fdatasync(fd) != 0 ||
       !file.Write(placeholder, mp4::BuildMdatHeader(placeholder, end)) || fdatasync(fd) != 0) {
-    *message = "cannot write " + path + ": " + std::strerror(errno) +
+    *message = "cannot write " + path + ": " + tarn_base::ErrnoText(errno) +
                "; it still plays as a fragmented MP4";
     return RepairResult::kFailed;
   }

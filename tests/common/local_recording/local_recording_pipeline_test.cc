@@ -29,7 +29,8 @@ TEST_F(LocalRecordingPipelineTest, VideoOnlyRecordingIsRebasedAndWrittenEveryTic
   recorder_->WriteVideoFrame(std::move(no_dts));
   Advance(150);
   EXPECT_EQ(WriteOrder(), "V0 V33 V66");
-  EXPECT_EQ(writer().packets[2].dts, 66) << "a missing dts is written as the pts";
+  EXPECT_EQ(writer().packets[1].dts, 33);
+  EXPECT_EQ(writer().packets[2].dts, 0) << "a missing dts stays missing, for the writer to repair";
 
   Video(kFirst + 100, true);
   Video(100);                           // 1000000 ms behind the last frame: late, dropped.

@@ -7,6 +7,7 @@
 #include <optional>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include "gtest/gtest.h"
@@ -155,6 +156,50 @@ TEST_F(LocalRecordingThreadsTest, RecordersSharedByEightThreadsAndReleasedByOneO
     });
     for (int r = 0; r < count; ++r) ExpectBalancedEvents(clients[r], starts[r]);
   }
+}
+
+// SetEncodeParams from two threads at once while a third feeds a recording: the calls
+// are taken on the worker (ThreadSanitizer runs this suite) and change nothing in what
+// is written, which matches the same feed recorded without them.
+TEST_F(LocalRecordingThreadsTest, EncodeParamsFromTwoThreadsDuringARecordingChangeNothing) {
+  const auto record = [this](bool set_params) {
+    RecordingClient client;
+    scoped_refptr<LocalRecording> recorder = LocalRecording::Create(&client);
+    EXPECT_TRUE(recorder);
+    const size_t first = writers_.state().packets.size();
+    // No filling: what is written depends on the feed alone, not on when timers fire.
+    recorder->Start({dir_.GetPath().Append(set_params ? "with.mkv" : "without.mkv").value(), kMkv,
+                     -1, false, kAudioAndVideo, 0});
+    std::vector<std::thread> setters;
+    for (int t = 0; set_params && t < 2; ++t) {
+      setters.emplace_back([&recorder, t] {
+        video::EncodeParams params;
+        for (int32_t i = 0; i < 500; ++i) {
+          params.target_bitrate_kbps = 1000 * t + i;
+          params.width = 640 + t;
+          params.max_key_frame_interval_ms = i;
+          recorder->SetEncodeParams(params);
+        }
+      });
+    }
+    for (uint32_t i = 0; i < 150; ++i) {
+      recorder->WriteVideoFrame(tarnel_test::MakeVideoFrame(1000 + 33 * i, i % 30 == 0));
+      recorder->WriteAudioFrame(tarnel_test::MakePcmFrame(1000 + 33 * i, 33));
+    }
+    for (std::thread& setter : setters) setter.join();
+    recorder->Stop();
+    recorder = nullptr;  // Runs what is queued; the client's events are final.
+    EXPECT_EQ(client.CompletionResults(), std::vector<InternalError>{kOk});
+    std::vector<std::tuple<bool, int64_t, int64_t>> written;
+    const std::vector<tarnel_test::WrittenPacket>& packets = writers_.state().packets;
+    for (size_t i = first; i < packets.size(); ++i) {
+      written.emplace_back(packets[i].is_video, packets[i].pts, packets[i].dts);
+    }
+    return written;
+  };
+  const auto without = record(false);
+  EXPECT_EQ(without.size(), 300u);
+  EXPECT_EQ(record(true), without);
 }
 
 }  // namespace

@@ -450,8 +450,8 @@ TEST_F(FfmpegStreamWriterTest, EncoderDelayIsRemovedToTheSample) {
   }
 }
 
-// Frames before the first key frame are dropped; a video dts that does not increase is
-// repaired, with one warning.
+// Frames before the first key frame are dropped; a missing video dts is the pts, and one
+// that does not increase is repaired, with one warning.
 TEST_F(FfmpegStreamWriterTest, VideoStartsAtAKeyFrameWithIncreasingDts) {
   for (MediaFormat format : {msw::kMp4, msw::kMkv}) {
     const std::string path = PathOf(format == msw::kMp4 ? "dts.mp4" : "dts.mkv");
@@ -477,6 +477,10 @@ TEST_F(FfmpegStreamWriterTest, VideoStartsAtAKeyFrameWithIncreasingDts) {
     for (size_t i = 1; i < packets.size(); ++i) {
       EXPECT_GT(packets[i].dts, packets[i - 1].dts) << i;
       EXPECT_GE(packets[i].pts, packets[i].dts) << i;
+      // Only frame 40's dts was given (and repaired); the others are their pts.
+      if (i != 20) {
+        EXPECT_EQ(packets[i].dts, packets[i].pts) << i;
+      }
     }
     // Two pictures 1 ms (MKV) or 1/90000 s (MP4) apart fall into one slot of the CLI's
     // default 1/30 s encoder time base; keep the decoded frames' time base instead.

@@ -41,5 +41,10 @@ std::vector<NalUnitView> SplitAnnexB(const uint8_t* data, size_t size) {
   return units;
 }
 
+bool StartsWithStartCode(const uint8_t* data, size_t size) {
+  if (data == nullptr || size < 3 || data[0] != 0 || data[1] != 0) return false;
+  return data[2] == 1 || (size >= 4 && data[2] == 0 && data[3] == 1);
+}
+
 }  // namespace media_stream_writer
 }  // namespace tarnel

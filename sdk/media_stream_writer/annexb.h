@@ -29,6 +29,10 @@ struct NalUnitView {
 // byte; units left empty are skipped. Safe on any input, `data` null included.
 std::vector<NalUnitView> SplitAnnexB(const uint8_t* data, size_t size);
 
+// Whether `data` begins with a 3- or 4-byte start code: Annex-B, as opposed to the
+// length-prefixed form and the avcC/hvcC records of MP4 and Matroska.
+bool StartsWithStartCode(const uint8_t* data, size_t size);
+
 }  // namespace media_stream_writer
 }  // namespace tarnel
 

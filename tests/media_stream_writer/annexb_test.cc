@@ -91,6 +91,18 @@ TEST(AnnexBTest, SplitsAtEveryStartCodeAndTrimsZeros) {
   EXPECT_GT(units, 2000u);  // Or the streams held too few start codes to test anything.
 }
 
+TEST(AnnexBTest, StartsWithStartCodeTellsAnnexBFromAvcC) {
+  const Bytes annexb3 = {0, 0, 1, 0x67}, annexb4 = {0, 0, 0, 1, 0x67};
+  const Bytes avcc = {0x01, 0x64, 0x00, 0x1f}, zeros = {0, 0, 0, 0}, short_code = {0, 0};
+  EXPECT_TRUE(StartsWithStartCode(annexb3.data(), annexb3.size()));
+  EXPECT_TRUE(StartsWithStartCode(annexb4.data(), annexb4.size()));
+  EXPECT_FALSE(StartsWithStartCode(avcc.data(), avcc.size()));
+  EXPECT_FALSE(StartsWithStartCode(zeros.data(), zeros.size()));
+  EXPECT_FALSE(StartsWithStartCode(short_code.data(), short_code.size()));
+  EXPECT_FALSE(StartsWithStartCode(annexb4.data(), 3));  // 00 00 00: not yet a code.
+  EXPECT_FALSE(StartsWithStartCode(nullptr, 4));
+}
+
 }  // namespace
 }  // namespace media_stream_writer
 }  // namespace tarnel

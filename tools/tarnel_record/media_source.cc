@@ -13,6 +13,10 @@ extern "C" {
 #include <libswresample/swresample.h>
 }
 
+#include "sdk/media/ffmpeg/ffmpeg_error.h"
+#include "sdk/media/ffmpeg/ffmpeg_ptr.h"
+#include "sdk/media_stream_writer/annexb.h"
+
 namespace tarnel_record {
 
 namespace {
@@ -21,37 +25,17 @@ namespace {
 // stays positive; the recorder rebases everything to 0 anyway.
 constexpr int64_t kTimeLeadMs = 1000;
 
-std::string AvError(int code) {
-  char text[AV_ERROR_MAX_STRING_SIZE] = {};
-  av_strerror(code, text, sizeof(text));
-  return text;
-}
-
 int64_t ToMs(int64_t ts, AVRational time_base) { return av_rescale_q(ts, time_base, {1, 1000}); }
-
-bool StartsWithStartCode(const uint8_t* data, int size) {
-  return (size >= 3 && data[0] == 0 && data[1] == 0 && data[2] == 1) ||
-         (size >= 4 && data[0] == 0 && data[1] == 0 && data[2] == 0 && data[3] == 1);
-}
 
 class FfmpegSource : public MediaSource {
  public:
-  ~FfmpegSource() override {
-    av_bsf_free(&bsf_);
-    avcodec_free_context(&decoder_);
-    swr_free(&swr_);
-    av_channel_layout_uninit(&swr_layout_);
-    av_packet_free(&packet_);
-    av_packet_free(&filtered_);
-    av_frame_free(&frame_);
-    avformat_close_input(&format_);
-  }
+  ~FfmpegSource() override { av_channel_layout_uninit(&swr_layout_); }
 
   bool Init(const SourceOptions& options, std::string* error) {
     options_ = options;
-    packet_ = av_packet_alloc();
-    filtered_ = av_packet_alloc();
-    frame_ = av_frame_alloc();
+    packet_.reset(av_packet_alloc());
+    filtered_.reset(av_packet_alloc());
+    frame_.reset(av_frame_alloc());
     live_ =
         options.url.find("://") != std::string::npos && options.url.compare(0, 7, "file://") != 0;
 
@@ -73,25 +57,28 @@ class FfmpegSource : public MediaSource {
     if (options.pcm_channels > 0) {
       av_dict_set(&demuxer_options, "ch_layout", options.pcm_channels == 1 ? "mono" : "stereo", 0);
     }
-    int ret = avformat_open_input(&format_, options.url.c_str(), input_format, &demuxer_options);
+    AVFormatContext* format = nullptr;
+    int ret = avformat_open_input(&format, options.url.c_str(), input_format, &demuxer_options);
+    format_.reset(format);
     av_dict_free(&demuxer_options);
     if (ret < 0) {
-      *error = "cannot open " + options.url + ": " + AvError(ret);
+      *error = "cannot open " + options.url + ": " + tarnel::audio::FfmpegErrorText(ret);
       return false;
     }
-    ret = avformat_find_stream_info(format_, nullptr);
+    ret = avformat_find_stream_info(format_.get(), nullptr);
     if (ret < 0) {
-      *error = "cannot read stream information of " + options.url + ": " + AvError(ret);
+      *error = "cannot read stream information of " + options.url + ": " +
+               tarnel::audio::FfmpegErrorText(ret);
       return false;
     }
     if (format_->start_time != AV_NOPTS_VALUE) start_ms_ = format_->start_time / 1000;
 
     if (options.use_video) {
-      video_index_ = av_find_best_stream(format_, AVMEDIA_TYPE_VIDEO, -1, -1, nullptr, 0);
+      video_index_ = av_find_best_stream(format_.get(), AVMEDIA_TYPE_VIDEO, -1, -1, nullptr, 0);
       if (video_index_ >= 0 && !InitVideo(error)) return false;
     }
     if (options.use_audio) {
-      audio_index_ = av_find_best_stream(format_, AVMEDIA_TYPE_AUDIO, -1, -1, nullptr, 0);
+      audio_index_ = av_find_best_stream(format_.get(), AVMEDIA_TYPE_AUDIO, -1, -1, nullptr, 0);
       if (audio_index_ >= 0 && !InitAudio(error)) return false;
     }
     if (video_index_ < 0 && audio_index_ < 0) {
@@ -131,22 +118,22 @@ class FfmpegSource : public MediaSource {
   bool Next(SourceFrame* out, std::string* error) override {
     while (ready_.empty()) {
       if (drained_) return false;
-      const int ret = av_read_frame(format_, packet_);
+      const int ret = av_read_frame(format_.get(), packet_.get());
       if (ret == AVERROR_EOF) {
         Drain();
         continue;
       }
       if (ret < 0) {
-        *error = "cannot read " + options_.url + ": " + AvError(ret);
+        *error = "cannot read " + options_.url + ": " + tarnel::audio::FfmpegErrorText(ret);
         Drain();
         continue;
       }
       if (packet_->stream_index == video_index_) {
-        FilterVideo(packet_);
+        FilterVideo(packet_.get());
       } else if (packet_->stream_index == audio_index_) {
-        HandleAudio(packet_);
+        HandleAudio(packet_.get());
       }
-      av_packet_unref(packet_);
+      av_packet_unref(packet_.get());
     }
     *out = std::move(ready_.front());
     ready_.pop_front();
@@ -165,17 +152,21 @@ class FfmpegSource : public MediaSource {
     // MP4 and Matroska store length-prefixed samples with avcC/hvcC extradata; the
     // recorder takes Annex-B access units with the parameter sets in band on key frames,
     // which is what the mp4toannexb filters make. Raw streams already are Annex-B.
-    if (par->extradata_size > 0 && !StartsWithStartCode(par->extradata, par->extradata_size)) {
+    if (par->extradata_size > 0 && !tarnel::media_stream_writer::StartsWithStartCode(
+                                       par->extradata, static_cast<size_t>(par->extradata_size))) {
       const AVBitStreamFilter* filter = av_bsf_get_by_name(
           par->codec_id == AV_CODEC_ID_H264 ? "h264_mp4toannexb" : "hevc_mp4toannexb");
-      int ret = filter ? av_bsf_alloc(filter, &bsf_) : AVERROR_BSF_NOT_FOUND;
+      AVBSFContext* bsf = nullptr;
+      int ret = filter ? av_bsf_alloc(filter, &bsf) : AVERROR_BSF_NOT_FOUND;
+      bsf_.reset(bsf);
       if (ret >= 0) ret = avcodec_parameters_copy(bsf_->par_in, par);
       if (ret >= 0) {
         bsf_->time_base_in = stream->time_base;
-        ret = av_bsf_init(bsf_);
+        ret = av_bsf_init(bsf_.get());
       }
       if (ret < 0) {
-        *error = "cannot convert the video of " + options_.url + " to Annex-B: " + AvError(ret);
+        *error = "cannot convert the video of " + options_.url +
+                 " to Annex-B: " + tarnel::audio::FfmpegErrorText(ret);
         return false;
       }
     }
@@ -198,14 +189,14 @@ class FfmpegSource : public MediaSource {
       *error = std::string("no decoder for audio codec ") + avcodec_get_name(par->codec_id);
       return false;
     }
-    decoder_ = avcodec_alloc_context3(codec);
-    int ret = avcodec_parameters_to_context(decoder_, par);
+    decoder_.reset(avcodec_alloc_context3(codec));
+    int ret = avcodec_parameters_to_context(decoder_.get(), par);
     if (ret >= 0) {
       decoder_->pkt_timebase = stream->time_base;
-      ret = avcodec_open2(decoder_, codec, nullptr);
+      ret = avcodec_open2(decoder_.get(), codec, nullptr);
     }
     if (ret < 0) {
-      *error = "cannot open the audio decoder: " + AvError(ret);
+      *error = "cannot open the audio decoder: " + tarnel::audio::FfmpegErrorText(ret);
       return false;
     }
     return true;
@@ -214,8 +205,8 @@ class FfmpegSource : public MediaSource {
   void Drain() {
     if (drained_) return;
     drained_ = true;
-    if (bsf_) FilterVideo(nullptr);
-    if (decoder_) DecodeAudio(nullptr);
+    if (bsf_.get()) FilterVideo(nullptr);
+    if (decoder_.get()) DecodeAudio(nullptr);
   }
 
   void FilterVideo(AVPacket* packet) {
@@ -223,10 +214,10 @@ class FfmpegSource : public MediaSource {
       if (packet) EmitVideo(packet);
       return;
     }
-    if (av_bsf_send_packet(bsf_, packet) < 0) return;
-    while (av_bsf_receive_packet(bsf_, filtered_) >= 0) {
-      EmitVideo(filtered_);
-      av_packet_unref(filtered_);
+    if (av_bsf_send_packet(bsf_.get(), packet) < 0) return;
+    while (av_bsf_receive_packet(bsf_.get(), filtered_.get()) >= 0) {
+      EmitVideo(filtered_.get());
+      av_packet_unref(filtered_.get());
     }
   }
 
@@ -281,10 +272,10 @@ class FfmpegSource : public MediaSource {
   }
 
   void DecodeAudio(const AVPacket* packet) {
-    if (avcodec_send_packet(decoder_, packet) < 0) return;
-    while (avcodec_receive_frame(decoder_, frame_) >= 0) {
-      ConvertAndEmit(frame_);
-      av_frame_unref(frame_);
+    if (avcodec_send_packet(decoder_.get(), packet) < 0) return;
+    while (avcodec_receive_frame(decoder_.get(), frame_.get()) >= 0) {
+      ConvertAndEmit(frame_.get());
+      av_frame_unref(frame_.get());
     }
   }
 
@@ -294,15 +285,17 @@ class FfmpegSource : public MediaSource {
     const int channels = decoded->ch_layout.nb_channels >= 2 ? 2 : 1;
     if (!swr_ || decoded->sample_rate != swr_rate_ || decoded->format != swr_format_ ||
         av_channel_layout_compare(&decoded->ch_layout, &swr_layout_) != 0) {
-      swr_free(&swr_);
+      swr_.reset();
       AVChannelLayout out_layout;
       av_channel_layout_default(&out_layout, channels);
-      if (swr_alloc_set_opts2(&swr_, &out_layout, AV_SAMPLE_FMT_S16, decoded->sample_rate,
-                              const_cast<AVChannelLayout*>(&decoded->ch_layout),
-                              static_cast<AVSampleFormat>(decoded->format), decoded->sample_rate, 0,
-                              nullptr) < 0 ||
-          swr_init(swr_) < 0) {
-        swr_free(&swr_);
+      SwrContext* swr = nullptr;
+      const int set = swr_alloc_set_opts2(
+          &swr, &out_layout, AV_SAMPLE_FMT_S16, decoded->sample_rate,
+          const_cast<AVChannelLayout*>(&decoded->ch_layout),
+          static_cast<AVSampleFormat>(decoded->format), decoded->sample_rate, 0, nullptr);
+      swr_.reset(swr);
+      if (set < 0 || swr_init(swr_.get()) < 0) {
+        swr_.reset();
         return;
       }
       swr_rate_ = decoded->sample_rate;
@@ -313,7 +306,7 @@ class FfmpegSource : public MediaSource {
     std::vector<int16_t> pcm(static_cast<size_t>(decoded->nb_samples + 64) * channels);
     uint8_t* out[] = {reinterpret_cast<uint8_t*>(pcm.data())};
     const int samples =
-        swr_convert(swr_, out, decoded->nb_samples + 64,
+        swr_convert(swr_.get(), out, decoded->nb_samples + 64,
                     const_cast<const uint8_t**>(decoded->extended_data), decoded->nb_samples);
     if (samples <= 0) return;
     const AVStream* stream = format_->streams[audio_index_];
@@ -338,16 +331,16 @@ class FfmpegSource : public MediaSource {
   }
 
   SourceOptions options_;
-  AVFormatContext* format_ = nullptr;
-  AVBSFContext* bsf_ = nullptr;
-  AVCodecContext* decoder_ = nullptr;
-  SwrContext* swr_ = nullptr;
+  tarnel::FfmpegInputPtr format_;
+  tarnel::FfmpegPtr<AVBSFContext> bsf_;
+  tarnel::FfmpegPtr<AVCodecContext> decoder_;
+  tarnel::FfmpegPtr<SwrContext> swr_;
   int swr_rate_ = 0;
   int swr_format_ = -1;
   AVChannelLayout swr_layout_ = {};
-  AVPacket* packet_ = nullptr;
-  AVPacket* filtered_ = nullptr;
-  AVFrame* frame_ = nullptr;
+  tarnel::FfmpegPtr<AVPacket> packet_;
+  tarnel::FfmpegPtr<AVPacket> filtered_;
+  tarnel::FfmpegPtr<AVFrame> frame_;
   int video_index_ = -1;
   int audio_index_ = -1;
   int64_t start_ms_ = 0;

@@ -2,6 +2,7 @@
 
 extern "C" {
 #include <libavcodec/avcodec.h>
+#include <libavcodec/bsf.h>
 #include <libavformat/avformat.h>
 #include <libavformat/avio.h>
 #include <libavutil/frame.h>
@@ -11,6 +12,8 @@ extern "C" {
 }
 
 namespace tarnel {
+
+void FfmpegDeleter::operator()(AVBSFContext* context) const { av_bsf_free(&context); }
 
 void FfmpegDeleter::operator()(AVCodecContext* context) const { avcodec_free_context(&context); }
 
@@ -32,5 +35,9 @@ void FfmpegDeleter::operator()(AVTXContext* context) const { av_tx_uninit(&conte
 void FfmpegDeleter::operator()(SwrContext* context) const { swr_free(&context); }
 
 void FfmpegDeleter::operator()(uint8_t* bytes) const { av_free(bytes); }
+
+void FfmpegInputDeleter::operator()(AVFormatContext* context) const {
+  avformat_close_input(&context);
+}
 
 }  // namespace tarnel

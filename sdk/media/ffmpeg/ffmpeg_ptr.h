@@ -20,6 +20,7 @@
 #include <cstdint>
 #include <memory>
 
+struct AVBSFContext;
 struct AVCodecContext;
 struct AVCodecParserContext;
 struct AVFormatContext;
@@ -32,10 +33,11 @@ struct SwrContext;
 namespace tarnel {
 
 struct FfmpegDeleter {
+  void operator()(AVBSFContext* context) const;         // av_bsf_free
   void operator()(AVCodecContext* context) const;       // avcodec_free_context
   void operator()(AVCodecParserContext* parser) const;  // av_parser_close
   // avformat_free_context: for output contexts, whose pb (custom I/O) is owned apart.
-  // A demuxer's context needs avformat_close_input instead.
+  // A demuxer's context needs avformat_close_input instead: FfmpegInputPtr.
   void operator()(AVFormatContext* context) const;
   void operator()(AVFrame* frame) const;  // av_frame_free
   // avio_context_free, with the buffer (from av_malloc) that avio_alloc_context was
@@ -49,6 +51,12 @@ struct FfmpegDeleter {
 
 template <typename T>
 using FfmpegPtr = std::unique_ptr<T, FfmpegDeleter>;
+
+// A demuxer's context, from avformat_open_input: avformat_close_input.
+struct FfmpegInputDeleter {
+  void operator()(AVFormatContext* context) const;
+};
+using FfmpegInputPtr = std::unique_ptr<AVFormatContext, FfmpegInputDeleter>;
 
 }  // namespace tarnel
 

@@ -299,8 +299,9 @@ Bytes BuildAacLcAudioSpecificConfig(int sample_rate, int channels) {
   constexpr int kAacLc = 2;
   const int index = audio::aac::SamplingFrequencyIndex(sample_rate);
   if (index >= 0) {
-    const int value = (kAacLc << 11) | (index << 7) | (channel_config << 3);
-    return Bytes{static_cast<uint8_t>(value >> 8), static_cast<uint8_t>(value)};
+    uint8_t config[2];
+    audio::aac::MakeAudioSpecificConfig(config, index, channel_config);
+    return Bytes{config[0], config[1]};
   }
   // Escape index 15: object type(5) index(4) rate(24) channels(4) + 3 zero flag bits.
   const uint64_t bits = (static_cast<uint64_t>(kAacLc) << 35) | (uint64_t{15} << 31) |

@@ -51,10 +51,10 @@ extern "C" {
 
 namespace {
 
-using tarnel::audio::AacEncoder;
 using tarnel::audio::AudioEncodeParams;
 using tarnel::audio::AudioFrame;
 using tarnel::audio::kAacSamplesPerFrame;
+using tarnel::audio::aac::AacEncoder;
 namespace aac = tarnel::audio::aac;
 
 constexpr int kSampleRate = 48000;

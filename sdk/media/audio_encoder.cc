@@ -90,7 +90,7 @@ std::unique_ptr<AudioEncoder> CreateAacEncoder(AacEncoderKind kind) {
     case AacEncoderKind::kBuiltIn:
       break;
   }
-  return std::make_unique<AacEncoder>();
+  return std::make_unique<aac::AacEncoder>();
 }
 
 std::unique_ptr<AudioEncoder> AudioEncoderFactory2::CreateAudioEncoder(int type) {

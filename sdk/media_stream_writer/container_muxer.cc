@@ -8,7 +8,7 @@ namespace media_stream_writer {
 
 std::unique_ptr<ContainerMuxer> ContainerMuxer::Create(Container container,
                                                        const std::string& path) {
-  if (container == kMp4 || container == kM4a) return Mp4Muxer::Create(container == kM4a, path);
+  if (container == kMp4 || container == kM4a) return mp4::Mp4Muxer::Create(container == kM4a, path);
   return FfmpegContainerMuxer::Create(container, path);
 }
 

@@ -523,8 +523,8 @@ int main(int argc, char** argv) {
   }
   if (!options.repair.empty()) {
     std::string message;
-    const auto result = tarnel::media_stream_writer::RepairMp4File(options.repair, &message);
-    using tarnel::media_stream_writer::RepairResult;
+    const auto result = tarnel::media_stream_writer::mp4::RepairMp4File(options.repair, &message);
+    using tarnel::media_stream_writer::mp4::RepairResult;
     const bool ok = result == RepairResult::kRepaired || result == RepairResult::kAlreadyFinished;
     std::fprintf(ok ? stdout : stderr, "%s%s\n", ok ? "" : "error: ", message.c_str());
     return ok ? 0 : 2;

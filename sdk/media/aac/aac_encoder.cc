@@ -11,6 +11,7 @@
 
 namespace tarnel {
 namespace audio {
+namespace aac {
 
 using aac::BandLayout;
 using aac::ChannelData;
@@ -30,7 +31,6 @@ namespace {
 constexpr tarn_logging::LogConfig kLogConfig{"aac_encoder"};
 
 constexpr int32_t kAacLcObjectType = 2;
-constexpr int kAdtsHeaderBytes = 7;
 constexpr int kMaxChannels = 2;
 constexpr int kMaxBitsPerChannel = 6144;  // The decoder's input buffer per channel.
 constexpr int kWindowLength = 2 * kFrameLength;
@@ -888,5 +888,6 @@ std::shared_ptr<AudioFrame> AacEncoder::Emit(uint32_t timestamp_ms, int element_
   return frame;
 }
 
+}  // namespace aac
 }  // namespace audio
 }  // namespace tarnel

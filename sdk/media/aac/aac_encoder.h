@@ -41,6 +41,7 @@
 
 namespace tarnel {
 namespace audio {
+namespace aac {
 
 class AacEncoder : public AudioEncoder {
  public:
@@ -119,6 +120,7 @@ class AacEncoder : public AudioEncoder {
   float mean_pe_ = 0.0f;
 };
 
+}  // namespace aac
 }  // namespace audio
 }  // namespace tarnel
 

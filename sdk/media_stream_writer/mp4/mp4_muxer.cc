@@ -10,6 +10,7 @@
 
 namespace tarnel {
 namespace media_stream_writer {
+namespace mp4 {
 namespace {
 
 constexpr tarn_logging::LogConfig kLogConfig{"media_stream_writer"};
@@ -443,5 +444,6 @@ void Mp4Muxer::Discard() {
   if (file_) file_->Close(/*remove_if_empty=*/true);
 }
 
+}  // namespace mp4
 }  // namespace media_stream_writer
 }  // namespace tarnel

@@ -51,6 +51,7 @@
 
 namespace tarnel {
 namespace media_stream_writer {
+namespace mp4 {
 
 class Mp4Muxer : public ContainerMuxer {
  public:
@@ -112,6 +113,7 @@ class Mp4Muxer : public ContainerMuxer {
   std::vector<Bytes> unplaced_moofs_;  // Built, waiting for their data to reach the disk.
 };
 
+}  // namespace mp4
 }  // namespace media_stream_writer
 }  // namespace tarnel
 

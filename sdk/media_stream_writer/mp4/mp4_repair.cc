@@ -15,6 +15,7 @@
 
 namespace tarnel {
 namespace media_stream_writer {
+namespace mp4 {
 namespace {
 
 using mp4::Sample;
@@ -456,5 +457,6 @@ RepairResult RepairMp4File(const std::string& path, std::string* message) {
   return RepairResult::kRepaired;
 }
 
+}  // namespace mp4
 }  // namespace media_stream_writer
 }  // namespace tarnel

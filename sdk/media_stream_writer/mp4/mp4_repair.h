@@ -19,6 +19,7 @@
 
 namespace tarnel {
 namespace media_stream_writer {
+namespace mp4 {
 
 enum class RepairResult {
   kRepaired,         // Now a standard file.
@@ -30,6 +31,7 @@ enum class RepairResult {
 // Repairs the file at `path`; `message` says what was done or why not.
 RepairResult RepairMp4File(const std::string& path, std::string* message);
 
+}  // namespace mp4
 }  // namespace media_stream_writer
 }  // namespace tarnel
 

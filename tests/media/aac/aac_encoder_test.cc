@@ -12,6 +12,7 @@
 
 namespace tarnel {
 namespace audio {
+namespace aac {
 namespace {
 
 constexpr int kRate = 48000;
@@ -301,5 +302,6 @@ TEST(AacEncoderTest, ShortWindowsKeepPreEchoDown) {
 }
 
 }  // namespace
+}  // namespace aac
 }  // namespace audio
 }  // namespace tarnel

@@ -15,6 +15,7 @@
 
 namespace tarnel {
 namespace media_stream_writer {
+namespace mp4 {
 namespace {
 
 uint32_t U32At(const std::string& bytes, size_t at) {
@@ -193,5 +194,6 @@ TEST(Mp4MuxerM4aTest, AudioIsOneRunAndOutgrowingTheRegionKeepsEverySample) {
 }
 
 }  // namespace
+}  // namespace mp4
 }  // namespace media_stream_writer
 }  // namespace tarnel

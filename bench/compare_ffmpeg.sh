@@ -45,16 +45,10 @@ BUILD_DIR="${BUILD_DIR:-$ROOT/build-bench}"
 RESULTS="${RESULTS:-$ROOT/bench/RESULTS.md}"
 TIME=/usr/bin/time
 
-for tool in ffmpeg ffprobe python3 cmake "$TIME"; do
-  command -v "$tool" >/dev/null || { echo "error: $tool is needed" >&2; exit 1; }
-done
+source "$ROOT/bench/common.sh"
+require_tools ffmpeg ffprobe python3 cmake "$TIME"
 
-echo "== building tarnel-record in $BUILD_DIR"
-if [ ! -f "$BUILD_DIR/CMakeCache.txt" ]; then
-  cmake -S "$ROOT" -B "$BUILD_DIR" -DCMAKE_BUILD_TYPE=Release >/dev/null
-fi
-cmake --build "$BUILD_DIR" -j2 --target tarnel-record >/dev/null
-TARNEL="$BUILD_DIR/tools/tarnel-record"
+build_tarnel_record "$BUILD_DIR"
 
 mkdir -p "$WORK"
 cd "$WORK"

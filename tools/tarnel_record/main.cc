@@ -32,6 +32,7 @@ extern "C" {
 #include "sdk/base/logging.h"
 #include "sdk/common/local_recording/local_recording.h"
 #include "sdk/media/audio_encoder.h"
+#include "sdk/media/ffmpeg/ffmpeg_ptr.h"
 #include "sdk/media_stream_writer/mp4/mp4_repair.h"
 #include "tools/tarnel_record/media_source.h"
 #include "tools/tarnel_record/options.h"
@@ -256,21 +257,20 @@ bool Inject(const Options& options, SourceFrame* frame) {
 // Counts the packets of each kind in the files written.
 void CountWritten(const std::vector<std::string>& files, int64_t* video, int64_t* audio) {
   *video = *audio = 0;
-  AVPacket* packet = av_packet_alloc();
+  tarnel::FfmpegPtr<AVPacket> packet(av_packet_alloc());
+  if (!packet) return;
   for (const std::string& path : files) {
-    AVFormatContext* format = nullptr;
-    if (avformat_open_input(&format, path.c_str(), nullptr, nullptr) < 0) continue;
-    if (avformat_find_stream_info(format, nullptr) >= 0) {
-      while (av_read_frame(format, packet) >= 0) {
-        const AVMediaType kind = format->streams[packet->stream_index]->codecpar->codec_type;
-        if (kind == AVMEDIA_TYPE_VIDEO) ++*video;
-        if (kind == AVMEDIA_TYPE_AUDIO) ++*audio;
-        av_packet_unref(packet);
-      }
+    AVFormatContext* opened = nullptr;
+    if (avformat_open_input(&opened, path.c_str(), nullptr, nullptr) < 0) continue;
+    const tarnel::FfmpegInputPtr format(opened);
+    if (avformat_find_stream_info(format.get(), nullptr) < 0) continue;
+    while (av_read_frame(format.get(), packet.get()) >= 0) {
+      const AVMediaType kind = format->streams[packet->stream_index]->codecpar->codec_type;
+      if (kind == AVMEDIA_TYPE_VIDEO) ++*video;
+      if (kind == AVMEDIA_TYPE_AUDIO) ++*audio;
+      av_packet_unref(packet.get());
     }
-    avformat_close_input(&format);
   }
-  av_packet_free(&packet);
 }
 
 std::string JsonEscape(const std::string& text) {

@@ -20,11 +20,6 @@ void IntakeLimiter::SetLimit(int64_t bytes) {
   limit_ = bytes > 0 ? bytes : kDefaultMaxQueueBytes;
 }
 
-int64_t IntakeLimiter::limit() const {
-  std::lock_guard<std::mutex> lock(mutex_);
-  return limit_;
-}
-
 IntakeLimiter::VideoVerdict IntakeLimiter::AdmitVideo(int64_t bytes, bool key_frame,
                                                       int64_t pts_ms) {
   std::lock_guard<std::mutex> lock(mutex_);
@@ -50,7 +45,7 @@ IntakeLimiter::VideoVerdict IntakeLimiter::AdmitVideo(int64_t bytes, bool key_fr
   video_waits_for_key_ = false;
   last_admitted_video_ms_ = pts_ms;
   verdict.admitted = true;
-  verdict.episode = AdmitLocked(kVideo, bytes, ends_episode);
+  verdict.episode = AdmitLocked(bytes, ends_episode);
   return verdict;
 }
 
@@ -92,7 +87,7 @@ IntakeLimiter::AudioVerdict IntakeLimiter::AdmitAudio(int64_t bytes,
   verdict.admitted = true;
   verdict.gap = audio_gap_;
   audio_gap_ = AudioGap();
-  verdict.episode = AdmitLocked(kAudio, bytes, ends_episode);
+  verdict.episode = AdmitLocked(bytes, ends_episode);
   return verdict;
 }
 
@@ -103,32 +98,27 @@ IntakeLimiter::Episode IntakeLimiter::DropLocked() {
   return Episode::kStarted;
 }
 
-IntakeLimiter::Episode IntakeLimiter::AdmitLocked(Stream stream, int64_t bytes, bool ends_episode) {
-  pending_[stream] += bytes;
+IntakeLimiter::Episode IntakeLimiter::AdmitLocked(int64_t bytes, bool ends_episode) {
+  pending_ += bytes;
   peak_ = std::max(peak_, HeldLocked());
   if (!in_episode_ || !ends_episode) return Episode::kUnchanged;
   in_episode_ = false;
   return Episode::kEnded;
 }
 
-void IntakeLimiter::TakenIn(Stream stream, int64_t bytes) {
+bool IntakeLimiter::TakenIn(int64_t bytes) {
   std::lock_guard<std::mutex> lock(mutex_);
-  pending_[stream] -= bytes;
-  unreconciled_[stream] += bytes;
+  pending_ -= bytes;
+  unreconciled_ += bytes;
+  return unreconciled_ >= limit_ / 8;
 }
 
-void IntakeLimiter::Recount(int64_t video_bytes, int64_t audio_bytes) {
+bool IntakeLimiter::Recount(int64_t cached_bytes) {
   std::lock_guard<std::mutex> lock(mutex_);
-  cached_[kVideo] = video_bytes;
-  cached_[kAudio] = audio_bytes;
-  unreconciled_[kVideo] = 0;
-  unreconciled_[kAudio] = 0;
+  cached_ = cached_bytes;
+  unreconciled_ = 0;
   peak_ = std::max(peak_, HeldLocked());
-}
-
-int64_t IntakeLimiter::unreconciled_bytes() const {
-  std::lock_guard<std::mutex> lock(mutex_);
-  return unreconciled_[kVideo] + unreconciled_[kAudio];
+  return cached_ > limit_ / 2;
 }
 
 void IntakeLimiter::ResetStats() {

@@ -79,39 +79,29 @@ class IntakeLimiter {
   VideoVerdict AdmitVideo(int64_t bytes, bool key_frame, int64_t pts_ms);
   AudioVerdict AdmitAudio(int64_t bytes, const audio::AudioFrame& frame);
 
-  enum Stream { kVideo = 0, kAudio = 1 };
-
-  // Worker: a task carrying `bytes` admitted bytes of `stream` has run.
-  void TakenIn(Stream stream, int64_t bytes);
-  // Worker: the caches hold these bytes of each stream now; everything taken in before
-  // is either in them or gone.
-  void Recount(int64_t video_bytes, int64_t audio_bytes);
-  // Worker: taken in since the last recount.
-  int64_t unreconciled_bytes() const;
+  // Worker: a task carrying `bytes` admitted bytes has run. True when what was taken in
+  // since the last recount reaches an eighth of the bound: time to recount.
+  bool TakenIn(int64_t bytes);
+  // Worker: the caches hold `cached_bytes` now; everything taken in before is either in
+  // them or gone. True when they hold more than half the bound.
+  bool Recount(int64_t cached_bytes);
   // Worker, at the start of a recording: the counts and the peak begin again.
   void ResetStats();
 
-  int64_t limit() const;
   LocalRecordingQueueStats stats() const;
 
  private:
-  int64_t HeldLocked() const {
-    int64_t held = 0;
-    for (int stream : {kVideo, kAudio})
-      held += pending_[stream] + unreconciled_[stream] + cached_[stream];
-    return held;
-  }
+  int64_t HeldLocked() const { return pending_ + unreconciled_ + cached_; }
   // Counts a drop; starts an episode when none runs.
   Episode DropLocked();
   // Holds the admitted bytes; ends the episode when `ends_episode`.
-  Episode AdmitLocked(Stream stream, int64_t bytes, bool ends_episode);
+  Episode AdmitLocked(int64_t bytes, bool ends_episode);
 
   mutable std::mutex mutex_;
   int64_t limit_ = kDefaultMaxQueueBytes;
-  // Per stream.
-  int64_t pending_[2] = {0, 0};       // Admitted, not yet taken in.
-  int64_t unreconciled_[2] = {0, 0};  // Taken in since the last recount.
-  int64_t cached_[2] = {0, 0};        // In the caches at the last recount.
+  int64_t pending_ = 0;       // Admitted, not yet taken in.
+  int64_t unreconciled_ = 0;  // Taken in since the last recount.
+  int64_t cached_ = 0;        // In the caches at the last recount.
   int64_t peak_ = 0;
   int64_t dropped_video_ = 0;
   int64_t dropped_audio_ = 0;

@@ -364,7 +364,7 @@ void LocalRecordingImpl::Reset() {
   video_duration_ms_ = 0;
   audio_duration_ms_ = 0;
   video_size_.reset();
-  limiter_.Recount(0, 0);
+  limiter_.Recount(0);
 }
 
 void LocalRecordingImpl::ErrorHandling(InternalError error) {
@@ -379,14 +379,14 @@ void LocalRecordingImpl::ErrorHandling(InternalError error) {
 // Overload accounting.
 
 void LocalRecordingImpl::TakeInVideoFrame(std::unique_ptr<video::VideoFrame> frame, int64_t bytes) {
-  limiter_.TakenIn(IntakeLimiter::kVideo, bytes);
+  const bool recount_due = limiter_.TakenIn(bytes);
   WriteVideoFrameImpl(std::move(frame));
-  RecountIfNeeded();
+  RecountIfNeeded(recount_due);
 }
 
 void LocalRecordingImpl::TakeInAudioFrame(std::unique_ptr<audio::AudioFrame> frame, int64_t bytes,
                                           const IntakeLimiter::AudioGap& dropped_before) {
-  limiter_.TakenIn(IntakeLimiter::kAudio, bytes);
+  const bool recount_due = limiter_.TakenIn(bytes);
   const bool follows_dropped_audio = dropped_before.frames > 0;
   if (follows_dropped_audio) FillDroppedAudio(dropped_before);
   WriteAudioFrameImpl(std::move(frame), follows_dropped_audio);
@@ -396,39 +396,36 @@ void LocalRecordingImpl::TakeInAudioFrame(std::unique_ptr<audio::AudioFrame> fra
       UsableMutedFrameSizeInMs()) {
     while (is_recording_ && !audio_frame_cache_.empty()) DoCheckAndAddMutedFrame();
   }
-  RecountIfNeeded();
+  RecountIfNeeded(recount_due);
 }
 
-int64_t LocalRecordingImpl::Recount() {
-  int64_t video = 0;
+bool LocalRecordingImpl::Recount() {
+  int64_t bytes = audio_ring_buffer_ ? audio_ring_buffer_->GetSizeInBytes() : 0;
   for (const auto& entry : video_frame_cache_) {
     if (entry.second) {
-      video += static_cast<int64_t>(entry.second->data.size()) + IntakeLimiter::kFrameOverheadBytes;
+      bytes += static_cast<int64_t>(entry.second->data.size()) + IntakeLimiter::kFrameOverheadBytes;
     }
   }
-  int64_t audio = 0;
   for (const AudioCache* cache : {&audio_frame_cache_, &audio_mux_cache_}) {
     for (const auto& entry : *cache) {
       if (entry.second) {
-        audio += static_cast<int64_t>(entry.second->GetSize()) + IntakeLimiter::kFrameOverheadBytes;
+        bytes += static_cast<int64_t>(entry.second->GetSize()) + IntakeLimiter::kFrameOverheadBytes;
       }
     }
   }
-  if (audio_ring_buffer_) audio += audio_ring_buffer_->GetSizeInBytes();
-  limiter_.Recount(video, audio);
-  return video + audio;
+  return limiter_.Recount(bytes);
 }
 
-void LocalRecordingImpl::RecountIfNeeded() {
+void LocalRecordingImpl::RecountIfNeeded(bool recount_due) {
   // Once the muxer runs, every writing pass recounts; between two passes a burst is
   // recounted after each eighth of the bound. Before, the caches are small (bounded in
   // frames) and nothing else recounts.
-  if (muxer_started_ && limiter_.unreconciled_bytes() < limiter_.limit() / 8) return;
-  const int64_t cached = Recount();
+  if (muxer_started_ && !recount_due) return;
+  const bool over_half = Recount();
   // A burst that fills half the bound before the next tick is written at once, as far
   // as both streams reach, so that the recorder drops only what it cannot process
   // rather than what arrived between two ticks.
-  if (!muxer_started_ || cached <= limiter_.limit() / 2) return;
+  if (!muxer_started_ || !over_half) return;
   if (audio_ring_buffer_ && !params_.fill_muted_frame && !EncodeAudioFrame()) return;
   if (DoProcess(/*flush=*/false)) Recount();
 }

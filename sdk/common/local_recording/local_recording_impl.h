@@ -106,11 +106,12 @@ class LocalRecordingImpl
   void LogOverload(IntakeLimiter::Episode episode);
   // Callers' threads: posts an admitted frame's task to the worker.
   void PostFrameTask(tarn_base::OnceClosure task);
-  // Tells the limiter what the caches and the encoder's input queue hold; returns it.
-  int64_t Recount();
-  // Recounts when the limiter's figure may be stale, and writes early when a burst has
-  // filled the caches.
-  void RecountIfNeeded();
+  // Tells the limiter what the caches and the encoder's input queue hold; true when
+  // that is more than half the bound.
+  bool Recount();
+  // Recounts when the limiter's figure may be stale (`recount_due`, or before the muxer
+  // starts), and writes early when a burst has filled the caches.
+  void RecountIfNeeded(bool recount_due);
   void ResampleIfNeeded(audio::AudioFrame* frame);
   bool AudioFrameNeedToEncode(audio::AudioCodecFormat format) const;
 

@@ -38,7 +38,8 @@ DecodedAudio DecodeAac(const std::vector<std::shared_ptr<tarnel::audio::AudioFra
       while (avcodec_receive_frame(context.get(), frame.get()) >= 0) {
         ++out.frames;
         const int frame_channels = frame->ch_layout.nb_channels;
-        if (frame_channels != channels || frame->format != AV_SAMPLE_FMT_FLTP) {
+        if (frame_channels != channels || frame->format != AV_SAMPLE_FMT_FLTP ||
+            frame->sample_rate != sample_rate) {
           ++out.errors;
           continue;
         }

@@ -12,8 +12,8 @@ namespace tarnel_test {
 
 struct DecodedAudio {
   std::vector<float> samples;  // Interleaved, 16-bit PCM scale (full scale 32768).
-  int errors = 0;              // Access units the decoder refused.
-  int frames = 0;              // Decoded frames (1024 samples each).
+  int errors = 0;  // Access units the decoder refused, and frames of another layout or rate.
+  int frames = 0;  // Decoded frames (1024 samples each).
 };
 
 // Decodes `access_units` in order: ADTS frames as they are; raw access units with an

@@ -8,10 +8,6 @@
 #include <random>
 #include <vector>
 
-extern "C" {
-#include <libavcodec/avcodec.h>
-}
-
 #include "gtest/gtest.h"
 #include "sdk/media/aac/aac_tables.h"
 #include "sdk/media/aac/tns.h"
@@ -43,50 +39,23 @@ constexpr double kOutputScale = 1.0 / 32768;
 
 // ----- libavcodec decoding -----
 
-class Decoder {
- public:
-  // With `config` (an AudioSpecificConfig) for raw blocks, without it for ADTS.
-  explicit Decoder(const uint8_t* config, int config_size) {
-    const AVCodec* codec = avcodec_find_decoder(AV_CODEC_ID_AAC);
-    context_ = avcodec_alloc_context3(codec);
-    if (config_size > 0) {
-      context_->extradata = static_cast<uint8_t*>(
-          av_mallocz(static_cast<size_t>(config_size) + AV_INPUT_BUFFER_PADDING_SIZE));
-      std::memcpy(context_->extradata, config, static_cast<size_t>(config_size));
-      context_->extradata_size = config_size;
-    }
-    EXPECT_GE(avcodec_open2(context_, codec, nullptr), 0);
-    packet_ = av_packet_alloc();
-    frame_ = av_frame_alloc();
+// Decodes `units` (raw blocks, or ADTS frames) with the shared libavcodec helper and
+// hands back each channel apart, at the decoder's own float scale.
+std::vector<std::vector<float>> DecodePerChannel(const std::vector<std::vector<uint8_t>>& units,
+                                                 int channels, bool raw) {
+  std::vector<std::shared_ptr<AudioFrame>> frames;
+  for (const std::vector<uint8_t>& bytes : units) {
+    frames.push_back(std::make_shared<AudioFrame>());
+    frames.back()->SetData(bytes.data(), bytes.size());
   }
-  ~Decoder() {
-    av_frame_free(&frame_);
-    av_packet_free(&packet_);
-    avcodec_free_context(&context_);
+  const tarnel_test::DecodedAudio audio = tarnel_test::DecodeAac(frames, kRate, channels, raw);
+  EXPECT_EQ(audio.errors, 0);
+  std::vector<std::vector<float>> pcm(static_cast<size_t>(channels));
+  for (size_t i = 0; i < audio.samples.size(); ++i) {
+    pcm[i % static_cast<size_t>(channels)].push_back(audio.samples[i] / 32768.0f);
   }
-
-  // Decodes one packet and appends each channel's samples to `pcm`.
-  void Decode(const std::vector<uint8_t>& bytes, std::vector<std::vector<float>>* pcm) {
-    av_new_packet(packet_, static_cast<int>(bytes.size()));
-    std::memcpy(packet_->data, bytes.data(), bytes.size());
-    ASSERT_GE(avcodec_send_packet(context_, packet_), 0);
-    av_packet_unref(packet_);
-    while (avcodec_receive_frame(context_, frame_) >= 0) {
-      ASSERT_EQ(frame_->format, AV_SAMPLE_FMT_FLTP);
-      ASSERT_EQ(frame_->sample_rate, kRate);
-      pcm->resize(static_cast<size_t>(frame_->ch_layout.nb_channels));
-      for (int c = 0; c < frame_->ch_layout.nb_channels; ++c) {
-        const float* samples = reinterpret_cast<const float*>(frame_->data[c]);
-        (*pcm)[c].insert((*pcm)[c].end(), samples, samples + frame_->nb_samples);
-      }
-    }
-  }
-
- private:
-  AVCodecContext* context_ = nullptr;
-  AVPacket* packet_ = nullptr;
-  AVFrame* frame_ = nullptr;
-};
+  return pcm;
+}
 
 // ----- Reference synthesis -----
 
@@ -300,10 +269,7 @@ std::vector<uint8_t> WriteFrame(const Frame& frame, int channels, int expected_b
 void ExpectDecodesToReference(const std::vector<Frame>& frames, int channels, bool adts,
                               double tolerance = 2e-6) {
   const int index = SamplingFrequencyIndex(kRate);
-  uint8_t config[2];
-  MakeAudioSpecificConfig(config, index, channels);
-  Decoder decoder(config, adts ? 0 : 2);
-  std::vector<std::vector<float>> pcm;
+  std::vector<std::vector<uint8_t>> units;
   std::vector<std::vector<double>> reference(static_cast<size_t>(channels));
   for (size_t f = 0; f < frames.size(); ++f) {
     const Frame& frame = frames[f];
@@ -323,7 +289,7 @@ void ExpectDecodesToReference(const std::vector<Frame>& frames, int channels, bo
       packet.insert(packet.end(), bytes.begin(), bytes.end());
       bytes = packet;
     }
-    decoder.Decode(bytes, &pcm);
+    units.push_back(bytes);
 
     std::vector<double> x[2];
     for (int c = 0; c < channels; ++c) x[c] = Dequantise(frame.channel[c]);
@@ -353,7 +319,7 @@ void ExpectDecodesToReference(const std::vector<Frame>& frames, int channels, bo
       Synthesise(x[c], frame.channel[c].ics.window_sequence, static_cast<int>(f), &reference[c]);
     }
   }
-  ASSERT_EQ(pcm.size(), static_cast<size_t>(channels));
+  const std::vector<std::vector<float>> pcm = DecodePerChannel(units, channels, !adts);
   for (int c = 0; c < channels; ++c) {
     ASSERT_EQ(pcm[c].size(), frames.size() * kFrameLength);
     double peak = 0;
@@ -662,10 +628,7 @@ TEST(AacSyntaxTest, ForwardTransformAtPcmScaleRoundTripsThroughTheDecoder) {
   }
   std::vector<double> window(2 * kFrameLength);
   for (int n = 0; n < 2 * kFrameLength; ++n) window[n] = LongSine(n);
-  uint8_t config[2];
-  MakeAudioSpecificConfig(config, SamplingFrequencyIndex(kRate), 1);
-  Decoder decoder(config, 2);
-  std::vector<std::vector<float>> decoded;
+  std::vector<std::vector<uint8_t>> units;
   const double step = std::pow(2.0, (kScalefactor - 100) / 4.0);
   for (int f = 0; f < kFrames; ++f) {
     // Frame f covers pcm[f * 1024, f * 1024 + 2048) and completes its first half.
@@ -683,9 +646,9 @@ TEST(AacSyntaxTest, ForwardTransformAtPcmScaleRoundTripsThroughTheDecoder) {
     for (auto& v : frame.channel[0].scalefactor[0]) v = kScalefactor;
     const int bits = PrepareChannel(&frame.channel[0]);
     ASSERT_LT(bits, kNoFit);
-    decoder.Decode(WriteFrame(frame, 1, bits), &decoded);
+    units.push_back(WriteFrame(frame, 1, bits));
   }
-  ASSERT_EQ(decoded.size(), 1u);
+  const std::vector<std::vector<float>> decoded = DecodePerChannel(units, 1, /*raw=*/true);
   ASSERT_EQ(decoded[0].size(), static_cast<size_t>(kFrames * kFrameLength));
   // Output frame f is pcm[f * 1024, (f + 1) * 1024); frame 0 lacks its overlap partner.
   double worst = 0;

@@ -442,12 +442,12 @@ void LocalRecordingImpl::FillDroppedAudio(const IntakeLimiter::AudioGap& gap) {
   // never sits in memory as PCM.
   const int64_t piece_samples = std::max<int64_t>(1, gap.sample_rate / 10);
   const size_t bytes_per_sample = 2u * static_cast<size_t>(gap.channels);
+  const std::vector<uint8_t> zeros(static_cast<size_t>(piece_samples) * bytes_per_sample, 0);
   int pieces = 0;
   for (int64_t done = 0; done < gap.samples && is_recording_;) {
     const int64_t samples = std::min(piece_samples, gap.samples - done);
-    const std::vector<uint8_t> zeros(static_cast<size_t>(samples) * bytes_per_sample, 0);
     auto silence = std::make_unique<audio::AudioFrame>();
-    silence->SetData(zeros.data(), zeros.size());
+    silence->SetData(zeros.data(), static_cast<uint64_t>(samples) * bytes_per_sample);
     silence->SetSampleRate(gap.sample_rate);
     silence->SetChannels(gap.channels);
     // A source without timestamps (0) gets them continued from its last frame.
